@@ -2,6 +2,7 @@
 
 #include "CoreKit/Dispatch.h"
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -52,8 +53,12 @@ private:
     void closeHandle();
 
     std::filesystem::path directory_;
+    Scheduler& scheduler_;
     Clock& clock_;
     std::shared_ptr<SerialQueue> queue_;
+    // Wall time at which note() last asked the system for its time zone.
+    std::atomic<double> zoneCheckedAt_;
+    // Guards `handle_` and every file operation, against clear() which skips the queue.
     std::mutex lock_;
     std::unique_ptr<Handle> handle_;
 };

@@ -1,8 +1,117 @@
 #include "Tavrick/TavrickApp.h"
 
+#include "CoreKit/AppInfo.h"
+#include "CoreKit/Bundle.h"
+#include "CoreKit/Directories.h"
+#include "CoreKit/DispatchScheduler.h"
+#include "CoreKit/KeyCodes.h"
+#include "CoreKit/Log.h"
+#include "CoreKit/Toast.h"
+#include "MonitorKit/ProcessFootprint.h"
+#include "Platform/Linux/JSONPreferenceStore.h"
+#include "Platform/Linux/LinuxBundle.h"
+#include "Platform/Linux/LinuxDirectories.h"
+#include "Platform/Linux/SystemInfo.h"
+#include "Platform/Linux/TerminalToast.h"
+#include "Platform/Linux/TerminationSignals.h"
+#include "Platform/Simulated/SessionBridge.h"
+#include "Platform/Simulated/SimulatedSession.h"
+#include "Tavrick/AppCoordinator.h"
+#include "Tavrick/AppDelegate.h"
+#include "Tavrick/CommandLine.h"
+#include "Tavrick/Diagnostics.h"
+
+#include <iostream>
+
 namespace tavrick {
 
-int TavrickApp::main(int, char**) {
+namespace {
+// Everything waits this long after launch before the engines come up, so that the menu bar item
+// shows first.
+constexpr double deferredStartSeconds = 3.0;
+
+std::filesystem::path sessionSocketPath() {
+    return supportDirectory() / "session.sock";
+}
+} // namespace
+
+int TavrickApp::main(int argc, char** argv) {
+    // The platform's termination request arrives on the main queue. Installed before any other
+    // thread exists, so that no thread but the watcher ever takes the signals.
+    std::atomic<bool> terminationRequested{false};
+    TerminationSignals::install([&terminationRequested](int) {
+        terminationRequested = true;
+        DispatchScheduler::shared().stopMain();
+    });
+
+    auto& scheduler = DispatchScheduler::shared();
+    Directories::install(std::make_shared<LinuxDirectories>());
+    Bundle::setMain(std::make_shared<LinuxBundle>());
+    Toast::shared().setPresenter(std::make_shared<TerminalToast>());
+
+    DiagnosticLog& log = DiagnosticLog::shared();
+    AppDelegate delegate(log);
+    SimulatedSession session;
+    const auto mappingsFile = MappingStore::defaultFileURL();
+
+    std::vector<std::string> arguments(argv, argv + argc);
+    if (auto command = CommandLine::parse(arguments)) {
+        // A diagnostic routine's own lines are its answer; the developer channel says only what
+        // went wrong.
+        Log::setMinimumLevel(LogLevel::error);
+        Diagnostics::Context context{std::cout, scheduler, session, log, mappingsFile, sessionSocketPath()};
+        int status = Diagnostics::run(context, *command);
+        std::cout.flush();
+        log.flush();
+        return status;
+    }
+
+    const auto defaultsFile = Directories::current().preferences() / AppInfo::bundleIdentifier() / "defaults.json";
+    JSONPreferenceStore defaults(defaultsFile, &log);
+    // The simulated session has no layout of its own: key names fall through to the US names.
+    auto layout = KeyboardLayoutCache::make(KeyboardLayoutSource{}, scheduler);
+    KeyCodes::installLayoutCache(layout);
+
+    AppEnvironment environment{
+        .scheduler = scheduler,
+        .log = log,
+        .events = session,
+        .defaults = defaults,
+        .keyboardLayout = layout,
+        .mappingsFile = mappingsFile,
+        .permissionState = [](Permission) { return PermissionState::granted; },
+        .footprint = [] { return ProcessFootprint::current(); },
+        .version = AppInfo::version(),
+        .build = AppInfo::build(),
+        .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
+    };
+
+    std::cout << "Tavrick " << AppInfo::versionString() << "\n"
+              << "  log      : " << log.fileURL().string() << "\n"
+              << "  mappings : " << mappingsFile.string() << "\n"
+              << "  settings : " << defaultsFile.string() << "\n"
+              << std::flush;
+
+    auto coordinator = AppCoordinator::make(environment);
+    auto bridge = SessionBridge::listen(session, sessionSocketPath());
+    if (bridge) {
+        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
+    }
+
+    std::weak_ptr<AppCoordinator> weak = coordinator;
+    scheduler.after(deferredStartSeconds, [weak] {
+        if (auto c = weak.lock()) c->start();
+    });
+
+    while (!terminationRequested) {
+        scheduler.runMain();
+    }
+
+    if (delegate.applicationShouldTerminate() == AppDelegate::TerminateReply::now) {
+        delegate.applicationWillTerminate();
+    }
+    bridge.reset();
+    std::cout << "Tavrick stopped.\n";
     return 0;
 }
 

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "Platform/Simulated/SimulatedSession.h"
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace tavrick {
+
+// Lets another process type into this process's simulated session, the way a second program on
+// a real desktop posts keys that every tap sees. The running application listens on a Unix socket
+// in its support directory; `tavrick --post-key` from another terminal connects and sends a key
+// press, which then travels through the application's taps like a key the user pressed.
+//
+// The protocol is one line a request, "key <keyCode> <modifiers>\n", answered with "ok\n" or
+// "error <reason>\n".
+class SessionBridge {
+public:
+    // Starts listening; nothing (and a log line) when the socket cannot be made. A stale socket
+    // left by a killed run is replaced; a live one (another copy running) is left alone.
+    static std::unique_ptr<SessionBridge> listen(SimulatedSession& session, std::filesystem::path socketPath);
+    ~SessionBridge();
+    SessionBridge(const SessionBridge&) = delete;
+    SessionBridge& operator=(const SessionBridge&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+    // Sends one key press to whichever process listens at `socketPath`. Nothing on success,
+    // otherwise the reason.
+    static std::optional<std::string> sendKey(const std::filesystem::path& socketPath, std::uint16_t keyCode,
+                                              std::int64_t modifiers);
+
+    // Handles one request line, posting into `session`; returns the answer line.
+    static std::string handle(SimulatedSession& session, const std::string& request);
+
+private:
+    SessionBridge(SimulatedSession& session, std::filesystem::path path, int listener, int wakeRead, int wakeWrite);
+    void serve();
+
+    SimulatedSession& session_;
+    std::filesystem::path path_;
+    int listener_;
+    int wakeRead_;
+    int wakeWrite_;
+    std::thread thread_;
+};
+
+} // namespace tavrick

@@ -1,0 +1,161 @@
+#include "Tavrick/AppCoordinator.h"
+
+#include "CoreKit/Log.h"
+#include "CoreKit/Toast.h"
+#include "MonitorKit/ByteFormat.h"
+
+#include <cassert>
+
+namespace tavrick {
+
+namespace {
+const char* spelled(PermissionState state) {
+    return state == PermissionState::granted ? "granted" : "denied";
+}
+} // namespace
+
+std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment) {
+    std::shared_ptr<AppCoordinator> coordinator(new AppCoordinator(std::move(environment)));
+    coordinator->installClosures();
+    return coordinator;
+}
+
+AppCoordinator::AppCoordinator(AppEnvironment environment)
+    : env_(std::move(environment)),
+      store_(std::make_unique<MappingStore>(env_.mappingsFile, env_.log, env_.scheduler.clock())),
+      settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
+      hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
+      actions_(std::make_unique<ActionRunner>(env_.log)) {}
+
+AppCoordinator::~AppCoordinator() {
+    launchAnnouncement_.cancel();
+    hotkeys_->setOnTrigger(nullptr);
+    hotkeys_->stop();
+}
+
+void AppCoordinator::installClosures() {
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+
+    // Engines hear about every change first, in a fixed order, on the calling thread.
+    store_->onChange = [weak](const std::vector<Mapping>& mappings) {
+        if (auto self = weak.lock()) self->hotkeys_->update(mappings);
+    };
+
+    // The engine calls this on the global queue; the action itself runs on the main thread, and
+    // a mapping that fires after the coordinator is gone is dropped.
+    Scheduler* scheduler = &env_.scheduler;
+    hotkeys_->setOnTrigger([weak, scheduler](const Mapping& mapping) {
+        scheduler->async([weak, mapping] {
+            if (auto self = weak.lock()) self->runOnMain(mapping);
+        });
+    });
+}
+
+void AppCoordinator::runOnMain(const Mapping& mapping) {
+    actions_->run(mapping.action);
+}
+
+void AppCoordinator::start() {
+    assert(env_.scheduler.isMainThread());
+    if (started_) return;
+    started_ = true;
+
+    // 1. Key names follow the user's layout from here on.
+    if (env_.keyboardLayout) env_.keyboardLayout->startObserving();
+
+    // 2. Toasts ask the settings whether to show; with the coordinator gone they show.
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+    Toast::shared().setIsEnabled([weak] {
+        auto self = weak.lock();
+        return !self || self->settings_->showConfirmations.get();
+    });
+
+    // 3. There is no permissions monitor in this build: the states are read where needed.
+
+    // 4. The clean-shutdown marker of the previous run.
+    if (!env_.log.beginSession()) {
+        env_.log.note("launch", "the previous run ended without a clean shutdown — a crash or a kill, not a Quit");
+    }
+
+    // 5. Who is running, with what.
+    const auto accessibility = env_.permissionState(Permission::accessibility);
+    const auto inputMonitoring = env_.permissionState(Permission::inputMonitoring);
+    env_.log.note("launch", launchLine(env_.version, env_.build, env_.operatingSystemVersion, accessibility,
+                                       inputMonitoring, store_->mappings().get().size()));
+    env_.log.note("launch", "selection bar=" + std::string(rawValue(settings_->selectionMode.get())) +
+                                ", copy-on-select=" + (settings_->copyOnSelect.get() ? "on" : "off"));
+    env_.log.note("launch", "menu layout — " + AppSettings::describe(settings_->menuBarItems.get()));
+
+    // 7. The launch announcement, two seconds on.
+    announceLaunch();
+
+    // 10. The engines get the mappings before they start.
+    hotkeys_->update(store_->mappings().get());
+
+    // 12.
+    startEngines();
+}
+
+std::string AppCoordinator::launchLine(const std::string& version, const std::string& build,
+                                       const std::string& osVersion, PermissionState accessibility,
+                                       PermissionState inputMonitoring, std::size_t mappings) {
+    return "Tavrick " + version + " (" + build + ") macOS " + osVersion + ", accessibility=" + spelled(accessibility) +
+           ", inputMonitoring=" + spelled(inputMonitoring) + ", mappings=" + std::to_string(mappings);
+}
+
+void AppCoordinator::announceLaunch() {
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+    launchAnnouncement_ = env_.scheduler.after(2.0, [weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        auto footprint = self->env_.footprint ? self->env_.footprint() : std::nullopt;
+        if (footprint) {
+            const std::string size = ByteFormat::compact(*footprint);
+            self->env_.log.note("launch", "footprint " + size);
+            Toast::shared().show("Tavrick is running", Toast::Kind::done, "Using " + size + " of memory");
+        } else {
+            Toast::shared().show("Tavrick is running");
+        }
+    });
+}
+
+void AppCoordinator::startEngines() {
+    isRestartingEngines_ = true;
+    try {
+        hotkeys_->start();
+        engineError_.set(std::nullopt);
+    } catch (const std::exception& error) {
+        Log::core.error("Hotkey engine did not start: %s", error.what());
+        env_.log.note("launch", std::string("hotkey engine did not start: ") + error.what());
+        engineError_.set(std::string(error.what()));
+    }
+    isRestartingEngines_ = false;
+}
+
+void AppCoordinator::stopEngines() {
+    hotkeys_->stop();
+    engineError_.set(std::nullopt);
+}
+
+void AppCoordinator::setEnabled(bool enabled) {
+    if (!isEnabled_.set(enabled)) return;
+    if (enabled) {
+        startEngines();
+    } else {
+        stopEngines();
+    }
+}
+
+void AppCoordinator::retryEngines() {
+    stopEngines();
+    if (isEnabled_.get()) startEngines();
+}
+
+std::optional<Permission> AppCoordinator::blockingPermission() const {
+    if (!engineError_.get()) return std::nullopt;
+    if (env_.permissionState(Permission::accessibility) != PermissionState::granted) return Permission::accessibility;
+    if (env_.permissionState(Permission::inputMonitoring) != PermissionState::granted) return Permission::inputMonitoring;
+    return std::nullopt;
+}
+
+} // namespace tavrick

@@ -1,0 +1,115 @@
+#include "Tavrick/CommandLine.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <limits>
+
+namespace tavrick::CommandLine {
+
+namespace {
+
+template <class Integer>
+std::optional<Integer> parseInteger(const std::string& text) {
+    Integer value{};
+    const char* begin = text.data();
+    const char* end = text.data() + text.size();
+    if (begin != end && *begin == '+') ++begin;  // "+4" is a number; "++4" is not
+    auto [ptr, error] = std::from_chars(begin, end, value);
+    if (error != std::errc() || ptr != end || begin == end) return std::nullopt;
+    return value;
+}
+
+// Seconds: a finite number that is not negative. A negative or endless wait is as good as no
+// number, so it takes the default like any other unparsable text.
+std::optional<double> parseSeconds(const std::string& text) {
+    double value = 0;
+    auto [ptr, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || ptr != text.data() + text.size() || text.empty()) return std::nullopt;
+    if (!std::isfinite(value) || value < 0) return std::nullopt;
+    return value;
+}
+
+} // namespace
+
+const char* spelling(DiagnosticFlag flag) {
+    switch (flag) {
+    case DiagnosticFlag::diagnose: return "--diagnose";
+    case DiagnosticFlag::postKey: return "--post-key";
+    case DiagnosticFlag::renderIcons: return "--render-icons";
+    case DiagnosticFlag::probeSelection: return "--probe-selection";
+    case DiagnosticFlag::log: return "--log";
+    case DiagnosticFlag::tapSelfTest: return "--tap-selftest";
+    case DiagnosticFlag::mouseRecorderSelfTest: return "--mouse-recorder-selftest";
+    case DiagnosticFlag::vaultSelfTest: return "--vault-selftest";
+    case DiagnosticFlag::touchIDProbe: return "--touchid-probe";
+    case DiagnosticFlag::tapProbe: return "--tap-probe";
+    case DiagnosticFlag::fanProbe: return "--fan-probe";
+    }
+    return "";
+}
+
+const std::vector<DiagnosticFlag>& allFlags() {
+    static const std::vector<DiagnosticFlag> flags = {
+        DiagnosticFlag::diagnose,        DiagnosticFlag::postKey,      DiagnosticFlag::renderIcons,
+        DiagnosticFlag::probeSelection,  DiagnosticFlag::log,          DiagnosticFlag::tapSelfTest,
+        DiagnosticFlag::mouseRecorderSelfTest, DiagnosticFlag::vaultSelfTest, DiagnosticFlag::touchIDProbe,
+        DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,
+    };
+    return flags;
+}
+
+std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments) {
+    for (DiagnosticFlag flag : allFlags()) {
+        auto at = std::find(arguments.begin(), arguments.end(), spelling(flag));
+        if (at == arguments.end()) continue;
+        auto argument = [&](std::size_t offset) -> const std::string* {
+            auto index = static_cast<std::size_t>(at - arguments.begin()) + offset;
+            return index < arguments.size() ? &arguments[index] : nullptr;
+        };
+        DiagnosticCommand command;
+        command.flag = flag;
+        switch (flag) {
+        case DiagnosticFlag::postKey: {
+            const std::string* key = argument(1);
+            const std::string* modifiers = argument(2);
+            if (!key || !modifiers) continue;
+            auto keyCode = parseInteger<std::uint16_t>(*key);
+            auto flags = parseInteger<std::int64_t>(*modifiers);
+            if (!keyCode || !flags) continue;
+            command.keyCode = *keyCode;
+            command.modifiers = *flags;
+            break;
+        }
+        case DiagnosticFlag::renderIcons: {
+            const std::string* folder = argument(1);
+            if (!folder || folder->empty()) continue;
+            command.folder = *folder;
+            break;
+        }
+        case DiagnosticFlag::probeSelection:
+        case DiagnosticFlag::tapProbe: {
+            const double fallback = flag == DiagnosticFlag::tapProbe ? 15.0 : 5.0;
+            const std::string* seconds = argument(1);
+            command.seconds = seconds ? parseSeconds(*seconds).value_or(fallback) : fallback;
+            break;
+        }
+        case DiagnosticFlag::fanProbe: {
+            if (const std::string* next = argument(1)) {
+                if (*next == "release") {
+                    command.release = true;
+                } else {
+                    command.boostSeconds = parseSeconds(*next);
+                }
+            }
+            break;
+        }
+        default:
+            break;
+        }
+        return command;
+    }
+    return std::nullopt;
+}
+
+} // namespace tavrick::CommandLine

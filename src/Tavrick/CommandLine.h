@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavrick {
+
+// The diagnostic flags that end the process instead of starting the application, in the order
+// they are looked for: when two are given, the earlier row wins.
+enum class DiagnosticFlag {
+    diagnose,
+    postKey,
+    renderIcons,
+    probeSelection,
+    log,
+    tapSelfTest,
+    mouseRecorderSelfTest,
+    vaultSelfTest,
+    touchIDProbe,
+    tapProbe,
+    fanProbe,
+};
+
+struct DiagnosticCommand {
+    DiagnosticFlag flag = DiagnosticFlag::diagnose;
+    std::uint16_t keyCode = 0;        // postKey
+    std::int64_t modifiers = 0;       // postKey
+    std::string folder;               // renderIcons
+    double seconds = 0;               // probeSelection, tapProbe
+    std::optional<double> boostSeconds;  // fanProbe
+    bool release = false;             // fanProbe
+
+    bool operator==(const DiagnosticCommand&) const = default;
+};
+
+namespace CommandLine {
+
+// The flag's text as typed, "--tap-selftest".
+const char* spelling(DiagnosticFlag flag);
+
+// Every flag in the order they are looked for.
+const std::vector<DiagnosticFlag>& allFlags();
+
+// Looks at every argument, the program's name included, by exact equality. A flag whose
+// required argument is missing or unparsable is ignored, as if it were not there; an optional
+// argument that is missing or unparsable takes its default.
+std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments);
+
+} // namespace CommandLine
+
+} // namespace tavrick

@@ -1,0 +1,198 @@
+#include "Tavrick/Diagnostics.h"
+
+#include "CoreKit/KeyCodes.h"
+#include "CoreKit/MappingStore.h"
+#include "HotkeyEngine/HotkeyEngine.h"
+#include "HotkeyEngine/HotkeyTable.h"
+#include "Platform/Simulated/SessionBridge.h"
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <vector>
+
+namespace tavrick::Diagnostics {
+
+namespace {
+
+std::string seconds(double value) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%g", value);
+    return buffer;
+}
+
+// Runs the main loop for up to `limit` seconds, a little at a time, until `done` says so.
+void pump(DispatchScheduler& scheduler, double limit, const std::function<bool()>& done) {
+    const double step = 0.05;
+    for (double waited = 0; waited < limit; waited += step) {
+        scheduler.runMainFor(step);
+        if (done()) return;
+    }
+}
+
+} // namespace
+
+int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag) {
+    out << CommandLine::spelling(flag) << " is not available in this build yet.\n";
+    return 2;
+}
+
+int printLogAndExit(Context& context) {
+    const std::string text = context.log.contents();
+    if (text.empty()) {
+        context.out << "The log is empty. Path: " << context.log.fileURL().string() << "\n";
+    } else {
+        context.out << text;
+    }
+    return 0;
+}
+
+int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifiers) {
+    const std::string combination = Modifiers(modifiers).symbolString() + KeyCodes::name(keyCode);
+    const std::string what =
+        "keyCode=" + std::to_string(keyCode) + " modifiers=" + std::to_string(modifiers) + " (" + combination + ")";
+    // A running Tavrick hears it through its taps, like a key the user pressed.
+    auto failure = SessionBridge::sendKey(context.sessionSocket, keyCode, modifiers);
+    if (!failure) {
+        context.out << "posted " << what << " to the running Tavrick's session\n";
+        return 0;
+    }
+    // Nobody is listening: the key goes through this process's own session, which has no taps.
+    auto down = context.session.makeKeyboardEvent(keyCode, true);
+    auto up = context.session.makeKeyboardEvent(keyCode, false);
+    if (!down || !up) {
+        context.out << "could not synthesise the event\n";
+        return 1;
+    }
+    down->flags = up->flags = Modifiers(modifiers).cgFlags();
+    context.session.post(*down);
+    context.session.post(*up);
+    context.session.drain();
+    context.out << "posted " << what << " (" << *failure << ", so it went straight to the frontmost application)\n";
+    return 0;
+}
+
+int runTapSelfTestAndExit(Context& context) {
+    auto& out = context.out;
+    const HotkeySpec expected{1, Modifiers::option};
+    out << "Hotkey self-test\n";
+    out << "expecting: keyCode=" << expected.keyCode << " modifiers=" << expected.modifiers.rawValue << "\n";
+
+    HotkeyEngine engine(context.session, context.scheduler, context.log);
+    Mapping mapping;
+    mapping.id = UUID::random();
+    mapping.name = "Self-test ⌥S";
+    mapping.trigger = Trigger::hotkey(expected);
+    mapping.action = ActionSpec::toggleAwake();
+    engine.update({mapping});
+
+    struct Seen {
+        std::uint16_t keyCode;
+        Modifiers modifiers;
+    };
+    std::mutex mutex;
+    std::vector<Seen> seen;
+    std::atomic<int> fired{0};
+    engine.setObserveKeys([&](std::uint16_t keyCode, Modifiers modifiers, bool) {
+        std::lock_guard lock(mutex);
+        seen.push_back({keyCode, modifiers});
+    });
+    engine.setOnTrigger([&](const Mapping&) { ++fired; });
+
+    try {
+        engine.start();
+    } catch (const std::exception& error) {
+        out << "✗ tap did not start: " << error.what() << "\n";
+        return 1;
+    }
+    out << "tap started; engine.isRunning = " << (engine.isRunning() ? "true" : "false") << "\n";
+
+    out << "posting a synthetic ⌥S …\n";
+    auto down = context.session.makeKeyboardEvent(expected.keyCode, true);
+    auto up = context.session.makeKeyboardEvent(expected.keyCode, false);
+    if (!down || !up) {
+        out << "✗ could not synthesise the event\n";
+        engine.stop();
+        return 1;
+    }
+    down->flags = up->flags = expected.modifiers.cgFlags();
+    context.session.post(*down);
+    context.session.post(*up);
+    context.session.drain();
+    pump(context.scheduler, 2.0, [&] { return fired.load() > 0; });
+    engine.stop();
+
+    std::vector<Seen> keys;
+    {
+        std::lock_guard lock(mutex);
+        keys = seen;
+    }
+    out << "keys seen by tap : " << keys.size() << "\n";
+    out << "matches fired    : " << fired.load() << "\n";
+    for (const auto& key : keys) {
+        out << "    tap saw: keyCode=" << key.keyCode << " modifiers=" << key.modifiers.rawValue << "\n";
+    }
+    if (keys.empty()) {
+        out << "✗ The tap received NOTHING. It was created but is not in the event\n"
+               "  stream — a run-loop or thread problem, not a matching problem.\n";
+        return 1;
+    }
+    if (fired.load() == 0) {
+        out << "✗ The tap receives keys but the match failed — compare the\n"
+               "  keyCode/modifiers above with the expected values.\n";
+        return 1;
+    }
+    out << "✓ End to end: the tap received the key and fired the mapping.\n";
+    return 0;
+}
+
+int runTapProbeAndExit(Context& context, double listenSeconds) {
+    auto& out = context.out;
+    MappingStore store(context.mappingsFile, context.log, context.scheduler.clock());
+    const auto mappings = store.mappings().get();
+    HotkeyTable table(mappings);
+    out << mappings.size() << " mapping(s) from disk\n";
+    out << "Hotkey table has " << table.count() << "\n";
+    if (table.isEmpty()) {
+        out << "\n⚠︎  No enabled keyboard shortcuts — nothing could fire.\n";
+        return 1;
+    }
+
+    HotkeyEngine engine(context.session, context.scheduler, context.log);
+    engine.update(mappings);
+    DispatchScheduler* scheduler = &context.scheduler;
+    std::ostream* output = &out;
+    engine.setOnTrigger([scheduler, output](const Mapping& mapping) {
+        scheduler->async([output, name = mapping.effectiveName()] {
+            *output << "  ★ MATCHED → " << name << "\n" << std::flush;
+        });
+    });
+    try {
+        engine.start();
+    } catch (const std::exception& error) {
+        out << "\n✗ Could not start the tap: " << error.what() << "\n";
+        return 1;
+    }
+    // Keys reach this simulated session from other processes through the bridge.
+    auto bridge = SessionBridge::listen(context.session, context.sessionSocket);
+    out << "\nPress your shortcuts now — listening for " << seconds(listenSeconds) << "s\n";
+    if (bridge) {
+        out << "  (this session is simulated: from another terminal, tavrick --post-key <keyCode> <modifiers>)\n";
+    }
+    out << std::flush;
+    context.scheduler.runMainFor(listenSeconds);
+    engine.stop();
+    return 0;
+}
+
+int run(Context& context, const DiagnosticCommand& command) {
+    switch (command.flag) {
+    case DiagnosticFlag::postKey: return postKeyAndExit(context, command.keyCode, command.modifiers);
+    case DiagnosticFlag::log: return printLogAndExit(context);
+    case DiagnosticFlag::tapSelfTest: return runTapSelfTestAndExit(context);
+    case DiagnosticFlag::tapProbe: return runTapProbeAndExit(context, command.seconds);
+    default: return notAvailableAndExit(context.out, command.flag);
+    }
+}
+
+} // namespace tavrick::Diagnostics

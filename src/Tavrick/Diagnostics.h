@@ -1,0 +1,39 @@
+#pragma once
+
+#include "CoreKit/DiagnosticLog.h"
+#include "CoreKit/DispatchScheduler.h"
+#include "Platform/Simulated/SimulatedSession.h"
+#include "Tavrick/CommandLine.h"
+
+#include <filesystem>
+#include <ostream>
+
+namespace tavrick {
+
+// The command-line routines that answer, from a terminal, whether something works. Each prints
+// plain lines and gives the process's exit status: 0 when its verdict is good, 1 when not, 2 for
+// a routine this build does not have. None makes a coordinator.
+namespace Diagnostics {
+
+struct Context {
+    std::ostream& out;
+    DispatchScheduler& scheduler;
+    SimulatedSession& session;
+    DiagnosticLog& log;
+    std::filesystem::path mappingsFile;
+    // Where a running Tavrick's session listens for keys from other processes.
+    std::filesystem::path sessionSocket;
+};
+
+int run(Context& context, const DiagnosticCommand& command);
+
+int printLogAndExit(Context& context);
+int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifiers);
+int runTapSelfTestAndExit(Context& context);
+int runTapProbeAndExit(Context& context, double seconds);
+// "<flag> is not available in this build yet."
+int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
+
+} // namespace Diagnostics
+
+} // namespace tavrick

@@ -1,0 +1,545 @@
+#include "CoreKit/AppSettings.h"
+#include "CoreKit/DiagnosticLog.h"
+#include "CoreKit/ManualScheduler.h"
+#include "Support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <set>
+
+namespace tavrick {
+namespace {
+
+using Dictionary = PreferenceValue::Dictionary;
+using S = MenuBarSection;
+
+PreferenceValue layoutData(const std::vector<MenuBarItem>& items) {
+    return PreferenceValue::data(MenuBarLayout::encode(items));
+}
+
+class AppSettingsTest : public ::testing::Test {
+protected:
+    std::unique_ptr<AppSettings> make() { return std::make_unique<AppSettings>(defaults, *log); }
+
+    std::string notes() { return log->contents(); }
+
+    tavrick::testing::TempDir directory;
+    ManualScheduler scheduler;
+    std::shared_ptr<DiagnosticLog> log = DiagnosticLog::make(directory.path(), scheduler);
+    InMemoryPreferenceStore defaults;
+};
+
+TEST_F(AppSettingsTest, AnEmptyDomainReadsEveryDefault) {
+    auto settings = make();
+    EXPECT_EQ(settings->menuBarIconStyle.get(), MenuBarIconStyle::gestures);
+    EXPECT_EQ(settings->menuBarReadout.get(), MenuBarReadout::off);
+    EXPECT_TRUE(settings->isClipboardEnabled.get());
+    EXPECT_EQ(settings->clipboardMaximumItems.get(), 100);
+    EXPECT_FALSE(settings->clipboardClearOnQuit.get());
+    EXPECT_FALSE(settings->isNetworkMonitorEnabled.get());
+    EXPECT_EQ(settings->networkAlertMode.get(), NetworkAlertMode::newAppsAndHosts);
+    EXPECT_EQ(settings->networkSampleSeconds.get(), 3);
+    EXPECT_TRUE(settings->networkMutedApps.get().empty());
+    EXPECT_EQ(settings->networkLearningStartedAt.get(), 0.0);
+    EXPECT_EQ(settings->appearance.get(), AppAppearance::system);
+    EXPECT_FALSE(settings->hasCompletedWelcome.get());
+    EXPECT_TRUE(settings->isWindowSnappingEnabled.get());
+    EXPECT_EQ(settings->selectionMode.get(), SelectionMode::off);
+    EXPECT_TRUE(settings->showConfirmations.get());
+    EXPECT_FALSE(settings->copyOnSelect.get());
+    EXPECT_EQ(settings->serveFolder.get(), "");
+    EXPECT_EQ(settings->servePort.get(), 8000);
+    EXPECT_FALSE(settings->serveOnNetwork.get());
+    EXPECT_EQ(settings->notepadPresentation.get(), NotepadPresentation::underMenuBar);
+    EXPECT_EQ(settings->vaultLockSeconds.get(), 300);
+    EXPECT_EQ(settings->vaultClipboardSeconds.get(), 45);
+    EXPECT_EQ(settings->aiProvider.get(), "anthropic");
+    EXPECT_TRUE(settings->aiModels.get().empty());
+    EXPECT_EQ(settings->aiBaseURL.get(), "");
+    EXPECT_EQ(settings->translateInto.get(), "English");
+    EXPECT_EQ(settings->menuBarItems.get(), MenuBarLayout::defaultLayout());
+    EXPECT_FALSE(settings->storedSelectionActions.get());
+    EXPECT_FALSE(settings->storedSelectionAppearance.get());
+    EXPECT_FALSE(settings->storedSearchEngine.get());
+    EXPECT_EQ(settings->selectionActionsGeneration.get(), 0);
+    // Reading wrote nothing: a default is not a stored value.
+    EXPECT_EQ(defaults.writeCount(), 0u);
+    EXPECT_TRUE(defaults.allKeys().empty());
+}
+
+TEST(AppSettingsClampTest, IntegersAreClampedOnReadingAndWrongTypesGiveTheDefault) {
+    struct Case {
+        const char* key;
+        PreferenceValue stored;
+        std::int64_t expected;
+    };
+    std::vector<Case> cases{
+        {"clipboardMaximumItems", 5, 10},
+        {"clipboardMaximumItems", 9999, 500},
+        {"clipboardMaximumItems", "text", 100},
+        {"clipboardMaximumItems", "250", 100},
+        {"clipboardMaximumItems", 9, 10},
+        {"clipboardMaximumItems", 10, 10},
+        {"clipboardMaximumItems", 500, 500},
+        {"clipboardMaximumItems", 501, 500},
+        {"clipboardMaximumItems", -3, 10},
+        {"clipboardMaximumItems", 250.0, 250},
+        {"clipboardMaximumItems", 250.5, 100},
+        {"clipboardMaximumItems", true, 100},
+        {"clipboardMaximumItems", PreferenceValue::data("250"), 100},
+        {"networkSampleSeconds", 0, 1},
+        {"networkSampleSeconds", 1, 1},
+        {"networkSampleSeconds", 60, 60},
+        {"networkSampleSeconds", 61, 60},
+        {"networkSampleSeconds", "5", 3},
+        {"networkSampleSeconds", PreferenceValue::Array{5}, 3},
+        {"servePort", 65535, 65535},
+        {"servePort", 0, 0},
+        {"servePort", "8080", 8000},
+        {"vaultLockSeconds", 0, 0},
+        {"vaultLockSeconds", false, 300},
+        {"vaultClipboardSeconds", 3600, 3600},
+        {"vaultClipboardSeconds", 4.5, 45},
+    };
+    tavrick::testing::TempDir directory;
+    ManualScheduler scheduler;
+    auto log = DiagnosticLog::make(directory.path(), scheduler);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.key) + " = " + c.stored.summary());
+        InMemoryPreferenceStore defaults({{c.key, c.stored}});
+        AppSettings settings(defaults, *log);
+        std::map<std::string, std::int64_t> read{
+            {"clipboardMaximumItems", settings.clipboardMaximumItems.get()},
+            {"networkSampleSeconds", settings.networkSampleSeconds.get()},
+            {"servePort", settings.servePort.get()},
+            {"vaultLockSeconds", settings.vaultLockSeconds.get()},
+            {"vaultClipboardSeconds", settings.vaultClipboardSeconds.get()},
+        };
+        EXPECT_EQ(read.at(c.key), c.expected);
+        // Clamping happens on reading only: what is stored stays until the property is written.
+        EXPECT_EQ(defaults.object(c.key), c.stored);
+        EXPECT_EQ(defaults.writeCount(), 0u);
+    }
+}
+
+TEST(AppSettingsFallbackTest, UnknownOrWronglyTypedValuesFallBackPerProperty) {
+    using Read = std::function<std::string(AppSettings&)>;
+    auto text = [](std::string_view view) { return std::string(view); };
+    Read iconStyle = [&](AppSettings& s) { return text(rawValue(s.menuBarIconStyle.get())); };
+    Read readout = [&](AppSettings& s) { return text(rawValue(s.menuBarReadout.get())); };
+    Read alertMode = [&](AppSettings& s) { return text(rawValue(s.networkAlertMode.get())); };
+    Read appearance = [&](AppSettings& s) { return text(rawValue(s.appearance.get())); };
+    Read selectionMode = [&](AppSettings& s) { return text(rawValue(s.selectionMode.get())); };
+    Read notepad = [&](AppSettings& s) { return text(rawValue(s.notepadPresentation.get())); };
+    auto flag = [](bool value) { return std::string(value ? "true" : "false"); };
+    Read clipboardEnabled = [&](AppSettings& s) { return flag(s.isClipboardEnabled.get()); };
+    Read snapping = [&](AppSettings& s) { return flag(s.isWindowSnappingEnabled.get()); };
+    Read confirmations = [&](AppSettings& s) { return flag(s.showConfirmations.get()); };
+    Read welcome = [&](AppSettings& s) { return flag(s.hasCompletedWelcome.get()); };
+    Read copyOnSelect = [&](AppSettings& s) { return flag(s.copyOnSelect.get()); };
+    Read provider = [](AppSettings& s) { return s.aiProvider.get(); };
+    Read translate = [](AppSettings& s) { return s.translateInto.get(); };
+    Read folder = [](AppSettings& s) { return s.serveFolder.get(); };
+    Read learning = [](AppSettings& s) { return std::to_string(s.networkLearningStartedAt.get()); };
+    Read muted = [](AppSettings& s) {
+        std::string joined;
+        for (const auto& app : s.networkMutedApps.get()) joined += app + ";";
+        return joined;
+    };
+    Read models = [](AppSettings& s) {
+        std::string joined;
+        for (const auto& [provider, model] : s.aiModels.get()) joined += provider + "=" + model + ";";
+        return joined;
+    };
+
+    struct Case {
+        const char* key;
+        std::optional<PreferenceValue> stored;
+        Read read;
+        std::string expected;
+    };
+    std::vector<Case> cases{
+        {"menuBarIconStyle", "tavrick", iconStyle, "tavrick"},
+        {"menuBarIconStyle", "sparkles", iconStyle, "gestures"},
+        {"menuBarIconStyle", 2, iconStyle, "gestures"},
+        {"menuBarReadout", "chipTemperature", readout, "chipTemperature"},
+        {"menuBarReadout", "Fan speed", readout, "off"},
+        {"networkAlertMode", "off", alertMode, "off"},
+        {"networkAlertMode", "always", alertMode, "newAppsAndHosts"},
+        {"networkAlertMode", false, alertMode, "newAppsAndHosts"},
+        {"appearance", "dark", appearance, "dark"},
+        {"appearance", "Dark", appearance, "system"},
+        {"selectionMode", "automatic", selectionMode, "automatic"},
+        {"selectionMode", "sometimes", selectionMode, "off"},
+        {"notepadPresentation", "window", notepad, "window"},
+        {"notepadPresentation", "banana", notepad, "underMenuBar"},
+        {"notepadPresentation", "Window", notepad, "underMenuBar"},
+        {"notepadPresentation", PreferenceValue::data("window"), notepad, "underMenuBar"},
+        {"clipboardEnabled", std::nullopt, clipboardEnabled, "true"},
+        {"clipboardEnabled", false, clipboardEnabled, "false"},
+        {"clipboardEnabled", "NO", clipboardEnabled, "true"},
+        {"clipboardEnabled", 0, clipboardEnabled, "true"},
+        {"windowSnappingEnabled", std::nullopt, snapping, "true"},
+        {"windowSnappingEnabled", false, snapping, "false"},
+        {"windowSnappingEnabled", "false", snapping, "true"},
+        {"showConfirmations", std::nullopt, confirmations, "true"},
+        {"showConfirmations", 0.0, confirmations, "true"},
+        {"hasCompletedWelcome", true, welcome, "true"},
+        {"hasCompletedWelcome", 1, welcome, "false"},
+        {"hasCompletedWelcome", "YES", welcome, "false"},
+        {"copyOnSelect", PreferenceValue::Array{true}, copyOnSelect, "false"},
+        {"aiProvider", "openai", provider, "openai"},
+        {"aiProvider", "", provider, ""},
+        {"aiProvider", 5, provider, "anthropic"},
+        {"translateInto", PreferenceValue::data("German"), translate, "English"},
+        {"serveFolder", PreferenceValue::Dictionary{{"path", "/tmp"}}, folder, ""},
+        {"networkLearningStartedAt", 1763251200.5, learning, "1763251200.500000"},
+        {"networkLearningStartedAt", 1700000000, learning, "1700000000.000000"},
+        {"networkLearningStartedAt", "yesterday", learning, "0.000000"},
+        {"networkMutedApps", PreferenceValue::Array{"com.a", "com.b"}, muted, "com.a;com.b;"},
+        {"networkMutedApps", PreferenceValue::Array{"com.a", 1}, muted, ""},
+        {"networkMutedApps", "com.a", muted, ""},
+        {"aiModelsByProvider", PreferenceValue::Dictionary{{"anthropic", "m1"}, {"openai", "m2"}}, models,
+         "anthropic=m1;openai=m2;"},
+        {"aiModelsByProvider", PreferenceValue::Dictionary{{"anthropic", "m1"}, {"openai", 2}}, models, ""},
+        {"aiModelsByProvider", PreferenceValue::Array{"m1"}, models, ""},
+    };
+    tavrick::testing::TempDir directory;
+    ManualScheduler scheduler;
+    auto log = DiagnosticLog::make(directory.path(), scheduler);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.key) + " = " + (c.stored ? c.stored->summary() : "absent"));
+        InMemoryPreferenceStore defaults;
+        if (c.stored) defaults.set(c.key, *c.stored);
+        AppSettings settings(defaults, *log);
+        EXPECT_EQ(c.read(settings), c.expected);
+        // A value that cannot be read is left as it is.
+        EXPECT_EQ(defaults.object(c.key), c.stored);
+    }
+}
+
+TEST_F(AppSettingsTest, MenuBarItemsAreDecodedAndUnreadableBytesFallBackToTheDefault) {
+    struct Case {
+        const char* name;
+        PreferenceValue stored;
+        std::vector<S> firstSections;
+    };
+    std::vector<Case> cases{
+        {"a stored layout", layoutData({{S::vault, false}, {S::fans, true}}), {S::vault, S::fans, S::masterToggle}},
+        {"three sections", layoutData({{S::notepad, true}, {S::clipboard, true}, {S::system, true}}),
+         {S::notepad, S::clipboard, S::system, S::masterToggle}},
+        {"bytes that are not JSON", PreferenceValue::data("\x01\x02"), {S::masterToggle, S::windowSnapping}},
+        {"the layout as text, not data", MenuBarLayout::encode({{S::vault, false}}), {S::masterToggle}},
+        {"a number", 3, {S::masterToggle}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        InMemoryPreferenceStore store({{"menuBarItems", c.stored}});
+        AppSettings settings(store, *log);
+        const auto& items = settings.menuBarItems.get();
+        ASSERT_EQ(items.size(), 11u);
+        for (std::size_t i = 0; i < c.firstSections.size(); ++i) EXPECT_EQ(items[i].section, c.firstSections[i]);
+        EXPECT_EQ(store.object("menuBarItems"), c.stored);
+    }
+}
+
+TEST_F(AppSettingsTest, SettersStoreEachKindUnderItsKey) {
+    auto settings = make();
+    settings->menuBarIconStyle.set(MenuBarIconStyle::command);
+    settings->menuBarReadout.set(MenuBarReadout::fanSpeed);
+    settings->isClipboardEnabled.set(false);
+    settings->clipboardMaximumItems.set(200);
+    settings->networkAlertMode.set(NetworkAlertMode::newApps);
+    settings->networkMutedApps.set({"com.example.a", "com.example.b"});
+    settings->networkLearningStartedAt.set(1763251200.0);
+    settings->appearance.set(AppAppearance::dark);
+    settings->isWindowSnappingEnabled.set(false);
+    settings->selectionMode.set(SelectionMode::onDemand);
+    settings->serveFolder.set("/srv/www");
+    settings->notepadPresentation.set(NotepadPresentation::window);
+    settings->aiModels.set({{"anthropic", "m1"}});
+    settings->menuBarItems.set(MenuBarLayout::normalized({{S::vault, false}}));
+
+    EXPECT_EQ(defaults.object("menuBarIconStyle"), PreferenceValue("command"));
+    EXPECT_EQ(defaults.object("menuBarReadout"), PreferenceValue("fanSpeed"));
+    EXPECT_EQ(defaults.object("clipboardEnabled"), PreferenceValue(false));
+    EXPECT_EQ(defaults.object("clipboardMaximumItems"), PreferenceValue(200));
+    EXPECT_EQ(defaults.object("networkAlertMode"), PreferenceValue("newApps"));
+    EXPECT_EQ(defaults.object("networkMutedApps"), PreferenceValue(PreferenceValue::Array{"com.example.a", "com.example.b"}));
+    // A real stays a real even when it has no fraction.
+    EXPECT_EQ(defaults.object("networkLearningStartedAt"), PreferenceValue(1763251200.0));
+    EXPECT_EQ(defaults.object("appearance"), PreferenceValue("dark"));
+    EXPECT_EQ(defaults.object("windowSnappingEnabled"), PreferenceValue(false));
+    EXPECT_EQ(defaults.object("selectionMode"), PreferenceValue("onDemand"));
+    EXPECT_EQ(defaults.object("serveFolder"), PreferenceValue("/srv/www"));
+    EXPECT_EQ(defaults.object("notepadPresentation"), PreferenceValue("window"));
+    EXPECT_EQ(defaults.object("aiModelsByProvider"), PreferenceValue(Dictionary{{"anthropic", "m1"}}));
+    ASSERT_TRUE(defaults.data("menuBarItems"));
+    EXPECT_EQ(MenuBarLayout::decode(*defaults.data("menuBarItems")), MenuBarLayout::normalized({{S::vault, false}}));
+
+    // And a second launch reads them back.
+    auto again = make();
+    EXPECT_EQ(again->menuBarIconStyle.get(), MenuBarIconStyle::command);
+    EXPECT_EQ(again->clipboardMaximumItems.get(), 200);
+    EXPECT_EQ(again->networkMutedApps.get(), (std::vector<std::string>{"com.example.a", "com.example.b"}));
+    EXPECT_EQ(again->networkLearningStartedAt.get(), 1763251200.0);
+    EXPECT_EQ(again->notepadPresentation.get(), NotepadPresentation::window);
+    EXPECT_EQ(again->aiModels.get().at("anthropic"), "m1");
+    EXPECT_EQ(again->menuBarItems.get().front(), (MenuBarItem{S::vault, false}));
+}
+
+TEST_F(AppSettingsTest, EveryStoredKeyIsOneABackupCarries) {
+    auto settings = make();
+    settings->menuBarIconStyle.set(MenuBarIconStyle::tavrick);
+    settings->menuBarReadout.set(MenuBarReadout::chipTemperature);
+    settings->isClipboardEnabled.set(false);
+    settings->clipboardMaximumItems.set(11);
+    settings->clipboardClearOnQuit.set(true);
+    settings->isNetworkMonitorEnabled.set(true);
+    settings->networkAlertMode.set(NetworkAlertMode::off);
+    settings->networkSampleSeconds.set(7);
+    settings->networkMutedApps.set({"x"});
+    settings->networkLearningStartedAt.set(1.5);
+    settings->appearance.set(AppAppearance::light);
+    settings->hasCompletedWelcome.set(true);
+    settings->isWindowSnappingEnabled.set(false);
+    settings->selectionMode.set(SelectionMode::automatic);
+    settings->showConfirmations.set(false);
+    settings->copyOnSelect.set(true);
+    settings->serveFolder.set("/x");
+    settings->servePort.set(8080);
+    settings->serveOnNetwork.set(true);
+    settings->notepadPresentation.set(NotepadPresentation::window);
+    settings->vaultLockSeconds.set(60);
+    settings->vaultClipboardSeconds.set(10);
+    settings->aiProvider.set("openai");
+    settings->aiModels.set({{"openai", "m"}});
+    settings->aiBaseURL.set("http://localhost:1");
+    settings->translateInto.set("French");
+    settings->menuBarItems.set(MenuBarLayout::defaultLayout());
+
+    std::set<std::string> carried(AppSettings::backedUpKeys.begin(), AppSettings::backedUpKeys.end());
+    auto stored = defaults.allKeys();
+    EXPECT_EQ(stored.size(), 27u);
+    for (const auto& key : stored) EXPECT_TRUE(carried.count(key)) << key;
+}
+
+TEST(AppSettingsKeysTest, BackedUpKeysAreInTheirExactOrder) {
+    std::vector<std::string> expected{
+        "menuBarIconStyle",      "appearance",           "hasCompletedWelcome",        "menuBarItems",
+        "windowSnappingEnabled", "selectionMode",        "selectionActions",           "selectionActionsGeneration",
+        "selectionAppearance",   "copyOnSelect",         "notepadPresentation",        "vaultLockSeconds",
+        "vaultClipboardSeconds", "serveFolder",          "servePort",                  "serveOnNetwork",
+        "showConfirmations",     "aiProvider",           "aiModelsByProvider",         "aiBaseURL",
+        "translateInto",         "searchEngine",         "menuBarReadout",             "networkMonitorEnabled",
+        "networkAlertMode",      "networkSampleSeconds", "networkMutedApps",           "networkLearningStartedAt",
+        "clipboardEnabled",      "clipboardMaximumItems", "clipboardClearOnQuit",
+    };
+    std::vector<std::string> actual(AppSettings::backedUpKeys.begin(), AppSettings::backedUpKeys.end());
+    EXPECT_EQ(actual, expected);
+    EXPECT_EQ(std::count(actual.begin(), actual.end(), std::string("fanBoostLevel")), 0);
+}
+
+TEST_F(AppSettingsTest, SettingTheSameValueDoesNotNotifyButAChangeDoes) {
+    auto settings = make();
+    std::vector<AppAppearance> seen;
+    auto observation = settings->appearance.observe([&](const AppAppearance& value) { seen.push_back(value); });
+
+    EXPECT_FALSE(settings->appearance.set(AppAppearance::system));
+    EXPECT_TRUE(seen.empty());
+    EXPECT_TRUE(settings->appearance.set(AppAppearance::dark));
+    EXPECT_FALSE(settings->appearance.set(AppAppearance::dark));
+    EXPECT_EQ(seen, (std::vector<AppAppearance>{AppAppearance::dark}));
+
+    std::vector<std::vector<MenuBarItem>> layouts;
+    auto layoutObservation = settings->menuBarItems.observe([&](const auto& items) { layouts.push_back(items); });
+    settings->menuBarItems.set(MenuBarLayout::defaultLayout());
+    EXPECT_TRUE(layouts.empty());
+}
+
+TEST_F(AppSettingsTest, ObserversSeeTheNewValueAlreadyStored) {
+    auto settings = make();
+    std::optional<PreferenceValue> storedWhenTold;
+    auto observation = settings->selectionMode.observe(
+        [&](const SelectionMode&) { storedWhenTold = defaults.object("selectionMode"); });
+    settings->selectionMode.set(SelectionMode::automatic);
+    EXPECT_EQ(storedWhenTold, PreferenceValue("automatic"));
+}
+
+TEST_F(AppSettingsTest, ChoosingTheClampedValueWritesItBackInRange) {
+    defaults.set("clipboardMaximumItems", 5);
+    auto settings = make();
+    ASSERT_EQ(settings->clipboardMaximumItems.get(), 10);
+    int told = 0;
+    auto observation = settings->clipboardMaximumItems.observe([&](const std::int64_t&) { ++told; });
+    settings->clipboardMaximumItems.set(10);
+    EXPECT_EQ(told, 0);
+    EXPECT_EQ(defaults.object("clipboardMaximumItems"), PreferenceValue(10));
+}
+
+TEST_F(AppSettingsTest, FanBoostLevelIsGoneAfterConstructionAndNothingElseIsTouched) {
+    defaults.set("fanBoostLevel", 3);
+    defaults.set("appearance", "dark");
+    defaults.set("lidObservations", PreferenceValue::Array{1.5, 2.5});
+    auto before = defaults.writeCount();
+    auto settings = make();
+    EXPECT_FALSE(defaults.object("fanBoostLevel"));
+    EXPECT_EQ(defaults.object("appearance"), PreferenceValue("dark"));
+    EXPECT_EQ(defaults.object("lidObservations"), PreferenceValue(PreferenceValue::Array{1.5, 2.5}));
+    EXPECT_EQ(defaults.writeCount(), before + 1);
+
+    // Whatever its type.
+    defaults.set("fanBoostLevel", "max");
+    AppSettings second(defaults, *log);
+    EXPECT_FALSE(defaults.object("fanBoostLevel"));
+}
+
+TEST_F(AppSettingsTest, ReloadTakesOnTheDomainWithoutWritingAndTellsOnlyChangedProperties) {
+    defaults.set("appearance", "dark");
+    defaults.set("servePort", 8080);
+    auto settings = make();
+
+    // What a restore writes behind the settings' back.
+    defaults.set("appearance", "light");
+    defaults.set("clipboardMaximumItems", 9999);
+    defaults.set("menuBarItems", layoutData({{S::vault, false}}));
+    defaults.set("selectionActions", PreferenceValue::data(R"([{"futureButton":{"x":1}}])"));
+
+    std::vector<std::string> told;
+    std::vector<bool> reloadingWhenTold;
+    auto watch = [&](const char* name) {
+        return [&, name](const auto&) {
+            told.push_back(name);
+            reloadingWhenTold.push_back(settings->isReloading());
+        };
+    };
+    std::vector<Observation> observations;
+    observations.push_back(settings->appearance.observe(watch("appearance")));
+    observations.push_back(settings->servePort.observe(watch("servePort")));
+    observations.push_back(settings->clipboardMaximumItems.observe(watch("clipboardMaximumItems")));
+    observations.push_back(settings->menuBarItems.observe(watch("menuBarItems")));
+    observations.push_back(settings->storedSelectionActions.observe(watch("selectionActions")));
+    observations.push_back(settings->isClipboardEnabled.observe(watch("isClipboardEnabled")));
+
+    auto writesBefore = defaults.writeCount();
+    auto storedBefore = defaults.dictionaryRepresentation();
+    settings->reload();
+
+    EXPECT_EQ(defaults.writeCount(), writesBefore);
+    EXPECT_EQ(defaults.dictionaryRepresentation(), storedBefore);
+    EXPECT_FALSE(settings->isReloading());
+    std::sort(told.begin(), told.end());
+    EXPECT_EQ(told, (std::vector<std::string>{"appearance", "clipboardMaximumItems", "menuBarItems", "selectionActions"}));
+    EXPECT_EQ(reloadingWhenTold, (std::vector<bool>{true, true, true, true}));
+    EXPECT_EQ(settings->appearance.get(), AppAppearance::light);
+    EXPECT_EQ(settings->clipboardMaximumItems.get(), 500);
+    EXPECT_EQ(settings->servePort.get(), 8080);
+    EXPECT_EQ(settings->menuBarItems.get().front(), (MenuBarItem{S::vault, false}));
+    EXPECT_EQ(settings->storedSelectionActions.get(),
+              PreferenceValue::data(R"([{"futureButton":{"x":1}}])"));
+    // The layout's note belongs to a choice the user made, not to a restore.
+    EXPECT_EQ(notes().find("layout saved"), std::string::npos);
+
+    // After the reload, setters store again.
+    settings->appearance.set(AppAppearance::system);
+    EXPECT_EQ(defaults.object("appearance"), PreferenceValue("system"));
+}
+
+TEST_F(AppSettingsTest, SelectionValuesAreKeptWholeAndNeverWritten) {
+    // Bytes a newer build wrote, and bytes nobody can read: both must survive this build.
+    const PreferenceValue actions = PreferenceValue::data(R"([{"search":{}},{"futureButton":{"x":1}}])");
+    const PreferenceValue appearance = PreferenceValue::data("\xff\xfe not json");
+    const PreferenceValue engine = PreferenceValue::data(R"({"custom":{"template":"https://e.test/?q={text}"}})");
+    defaults.set("selectionActions", actions);
+    defaults.set("selectionAppearance", appearance);
+    defaults.set("searchEngine", engine);
+    defaults.set("menuBarItems", PreferenceValue::data("[{\"section\":"));
+    auto writesBefore = defaults.writeCount();
+
+    auto settings = make();
+    EXPECT_EQ(settings->storedSelectionActions.get(), actions);
+    EXPECT_EQ(settings->storedSelectionAppearance.get(), appearance);
+    EXPECT_EQ(settings->storedSearchEngine.get(), engine);
+    EXPECT_EQ(settings->selectionActionsGeneration.get(), 0);
+    settings->selectionMode.set(SelectionMode::automatic);
+    settings->copyOnSelect.set(true);
+    settings->reload();
+    AppSettings second(defaults, *log);
+
+    EXPECT_EQ(defaults.object("selectionActions"), actions);
+    EXPECT_EQ(defaults.object("selectionAppearance"), appearance);
+    EXPECT_EQ(defaults.object("searchEngine"), engine);
+    EXPECT_FALSE(defaults.object("selectionActionsGeneration"));
+    // The unreadable layout stays on disk until the user arranges the menu.
+    EXPECT_EQ(defaults.object("menuBarItems"), PreferenceValue::data("[{\"section\":"));
+    EXPECT_EQ(defaults.writeCount(), writesBefore + 2);
+}
+
+TEST(AppSettingsDescribeTest, DescribeNamesHiddenSectionsInLayoutOrder) {
+    EXPECT_EQ(AppSettings::describe(MenuBarLayout::defaultLayout()), "nothing hidden");
+    EXPECT_EQ(AppSettings::describe({}), "nothing hidden");
+    EXPECT_EQ(AppSettings::describe({{S::vault, false}, {S::clipboard, true}, {S::fans, false}}),
+              "hidden: vault, fans");
+    EXPECT_EQ(AppSettings::describe({{S::keepAwake, false}}), "hidden: keepAwake");
+}
+
+TEST_F(AppSettingsTest, SavingTheLayoutIsNotedUnderMenu) {
+    auto settings = make();
+    settings->menuBarItems.set(MenuBarLayout::normalized({{S::clipboard, false}, {S::network, false}}));
+    EXPECT_NE(notes().find("[menu] layout saved — hidden: clipboard, network\n"), std::string::npos) << notes();
+
+    defaults.setFailsWrites(true);
+    settings->menuBarItems.set(MenuBarLayout::defaultLayout());
+    auto text = notes();
+    EXPECT_NE(text.find("[menu] could not save the layout\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("layout saved — nothing hidden"), std::string::npos) << text;
+}
+
+TEST(SettingsTypesTest, RawValuesDisplayNamesAndFlags) {
+    EXPECT_EQ(displayName(MenuBarIconStyle::tavrick), "Tavrick");
+    EXPECT_EQ(systemImageName(MenuBarIconStyle::tavrick), std::nullopt);
+    EXPECT_EQ(systemImageName(MenuBarIconStyle::gestures), "cursorarrow.motionlines");
+    EXPECT_EQ(systemImageName(MenuBarIconStyle::command), "command");
+    EXPECT_EQ(displayName(MenuBarReadout::off), "Nothing");
+    EXPECT_EQ(displayName(MenuBarReadout::chipTemperature), "Chip temperature");
+    EXPECT_EQ(displayName(NetworkAlertMode::newApps), "A program I have not seen before");
+    EXPECT_EQ(displayName(NetworkAlertMode::newAppsAndHosts), "That, and new places a program connects to");
+    EXPECT_EQ(displayName(AppAppearance::system), "Match System");
+    EXPECT_EQ(displayName(SelectionMode::onDemand), "Only when I ask for it");
+    EXPECT_EQ(detail(SelectionMode::onDemand),
+              "Bind “Show selection bar” to a gesture or shortcut, then use it with text selected. Nothing appears "
+              "until you ask.");
+
+    struct Flags {
+        NetworkAlertMode mode;
+        bool apps;
+        bool hosts;
+    };
+    for (auto [mode, apps, hosts] : {Flags{NetworkAlertMode::off, false, false}, Flags{NetworkAlertMode::newApps, true, false},
+                                     Flags{NetworkAlertMode::newAppsAndHosts, true, true}}) {
+        EXPECT_EQ(alertsOnNewApps(mode), apps) << rawValue(mode);
+        EXPECT_EQ(alertsOnNewHosts(mode), hosts) << rawValue(mode);
+    }
+
+    // Every case reads back from its raw value, and raw values are the case names.
+    auto roundTrips = [](auto cases, std::vector<std::string> raws) {
+        ASSERT_EQ(cases.size(), raws.size());
+        for (std::size_t i = 0; i < raws.size(); ++i) {
+            using E = std::remove_cvref_t<decltype(cases[i])>;
+            EXPECT_EQ(rawValue(cases[i]), raws[i]);
+            EXPECT_EQ(fromRaw<E>(raws[i]), cases[i]);
+        }
+    };
+    roundTrips(allCases<MenuBarIconStyle>(), {"tavrick", "gestures", "command"});
+    roundTrips(allCases<MenuBarReadout>(), {"off", "fanSpeed", "chipTemperature"});
+    roundTrips(allCases<NetworkAlertMode>(), {"off", "newApps", "newAppsAndHosts"});
+    roundTrips(allCases<AppAppearance>(), {"system", "light", "dark"});
+    roundTrips(allCases<NotepadPresentation>(), {"window", "underMenuBar"});
+    roundTrips(allCases<SelectionMode>(), {"off", "onDemand", "automatic"});
+    EXPECT_FALSE(fromRaw<AppAppearance>("Dark"));
+}
+
+} // namespace
+} // namespace tavrick

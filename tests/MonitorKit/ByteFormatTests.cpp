@@ -1,0 +1,46 @@
+#include "MonitorKit/ByteFormat.h"
+#include "MonitorKit/ProcessFootprint.h"
+
+#include <gtest/gtest.h>
+
+using namespace tavrick;
+
+TEST(ByteFormat, CompactFiguresAcrossUnitBoundaries) {
+    struct Case {
+        std::uint64_t bytes;
+        const char* text;
+    };
+    const Case cases[] = {
+        {0, "0 bytes"},
+        {1, "1 byte"},
+        {1023, "1023 bytes"},
+        {1024, "1.0 KB"},
+        {1536, "1.5 KB"},
+        {99 * 1024 + 1000, "100 KB"},       // 99.98 rounds to 100, shown without a decimal
+        {1024 * 1024 - 1, "1.0 MB"},        // would show as 1024 KB
+        {12'900'000, "12.3 MB"},
+        {3ull * 1024 * 1024 * 1024, "3.0 GB"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(ByteFormat::compact(c.bytes), c.text) << c.bytes;
+    }
+}
+
+TEST(ByteFormat, PercentClampsAndRounds) {
+    EXPECT_EQ(ByteFormat::percent(0.423), "42%");
+    EXPECT_EQ(ByteFormat::percent(0.995), "100%");
+    EXPECT_EQ(ByteFormat::percent(-0.2), "0%");
+    EXPECT_EQ(ByteFormat::percent(7), "100%");
+}
+
+TEST(ProcessFootprint, AnonymousResidentPlusSwapFromStatus) {
+    const char* status =
+        "Name:\ttavrick\nVmRSS:\t   20000 kB\nRssAnon:\t    8000 kB\nRssFile:\t   12000 kB\nVmSwap:\t     100 kB\n";
+    EXPECT_EQ(ProcessFootprint::fromStatus(status), std::optional<std::uint64_t>(8100ull * 1024));
+    EXPECT_EQ(ProcessFootprint::fromStatus("Name:\tx\nRssAnon:\t 5 kB\n"), std::optional<std::uint64_t>(5 * 1024));
+    EXPECT_EQ(ProcessFootprint::fromStatus("Name:\tx\n"), std::nullopt);
+    EXPECT_EQ(ProcessFootprint::fromStatus("RssAnon:\tlots\n"), std::nullopt);
+    // The running test process has a footprint.
+    ASSERT_TRUE(ProcessFootprint::current().has_value());
+    EXPECT_GT(*ProcessFootprint::current(), 0u);
+}

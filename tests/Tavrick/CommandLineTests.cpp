@@ -1,0 +1,105 @@
+#include "Tavrick/CommandLine.h"
+
+#include <gtest/gtest.h>
+
+using namespace tavrick;
+
+namespace {
+DiagnosticCommand command(DiagnosticFlag flag) {
+    DiagnosticCommand c;
+    c.flag = flag;
+    return c;
+}
+DiagnosticCommand postKey(std::uint16_t key, std::int64_t modifiers) {
+    auto c = command(DiagnosticFlag::postKey);
+    c.keyCode = key;
+    c.modifiers = modifiers;
+    return c;
+}
+DiagnosticCommand seconds(DiagnosticFlag flag, double s) {
+    auto c = command(flag);
+    c.seconds = s;
+    return c;
+}
+DiagnosticCommand fanProbe(std::optional<double> boost, bool release) {
+    auto c = command(DiagnosticFlag::fanProbe);
+    c.boostSeconds = boost;
+    c.release = release;
+    return c;
+}
+DiagnosticCommand icons(std::string folder) {
+    auto c = command(DiagnosticFlag::renderIcons);
+    c.folder = std::move(folder);
+    return c;
+}
+} // namespace
+
+TEST(CommandLine, EveryFlagAndItsArguments) {
+    struct Case {
+        std::vector<std::string> arguments;
+        std::optional<DiagnosticCommand> expected;
+    };
+    const Case cases[] = {
+        {{"tavrick"}, std::nullopt},
+        {{"tavrick", "--verbose"}, std::nullopt},
+        {{"tavrick", "--diagnose"}, command(DiagnosticFlag::diagnose)},
+        {{"tavrick", "--post-key", "12", "9"}, postKey(12, 9)},
+        {{"tavrick", "--post-key", "65535", "-1"}, postKey(65535, -1)},
+        {{"tavrick", "--post-key", "+7", "+4"}, postKey(7, 4)},
+        // A missing or unparsable argument: the flag is ignored and start-up goes on.
+        {{"tavrick", "--post-key", "12"}, std::nullopt},
+        {{"tavrick", "--post-key"}, std::nullopt},
+        {{"tavrick", "--post-key", "65536", "0"}, std::nullopt},
+        {{"tavrick", "--post-key", "-1", "0"}, std::nullopt},
+        {{"tavrick", "--post-key", "12abc", "0"}, std::nullopt},
+        {{"tavrick", "--post-key", "12", "0x8"}, std::nullopt},
+        {{"tavrick", "--post-key", "", "0"}, std::nullopt},
+        {{"tavrick", "--render-icons", "/tmp/icons"}, icons("/tmp/icons")},
+        {{"tavrick", "--render-icons"}, std::nullopt},
+        {{"tavrick", "--probe-selection"}, seconds(DiagnosticFlag::probeSelection, 5.0)},
+        {{"tavrick", "--probe-selection", "abc"}, seconds(DiagnosticFlag::probeSelection, 5.0)},
+        {{"tavrick", "--probe-selection", "2.5"}, seconds(DiagnosticFlag::probeSelection, 2.5)},
+        {{"tavrick", "--probe-selection", "-3"}, seconds(DiagnosticFlag::probeSelection, 5.0)},
+        {{"tavrick", "--log"}, command(DiagnosticFlag::log)},
+        {{"tavrick", "--tap-selftest"}, command(DiagnosticFlag::tapSelfTest)},
+        {{"tavrick", "--mouse-recorder-selftest"}, command(DiagnosticFlag::mouseRecorderSelfTest)},
+        {{"tavrick", "--vault-selftest"}, command(DiagnosticFlag::vaultSelfTest)},
+        {{"tavrick", "--touchid-probe"}, command(DiagnosticFlag::touchIDProbe)},
+        {{"tavrick", "--tap-probe"}, seconds(DiagnosticFlag::tapProbe, 15.0)},
+        {{"tavrick", "--tap-probe", "30"}, seconds(DiagnosticFlag::tapProbe, 30.0)},
+        {{"tavrick", "--tap-probe", "nan"}, seconds(DiagnosticFlag::tapProbe, 15.0)},
+        {{"tavrick", "--tap-probe", "inf"}, seconds(DiagnosticFlag::tapProbe, 15.0)},
+        {{"tavrick", "--fan-probe"}, fanProbe(std::nullopt, false)},
+        {{"tavrick", "--fan-probe", "10"}, fanProbe(10.0, false)},
+        {{"tavrick", "--fan-probe", "release"}, fanProbe(std::nullopt, true)},
+        {{"tavrick", "--fan-probe", "Release"}, fanProbe(std::nullopt, false)},
+        // Argument zero counts too.
+        {{"--log"}, command(DiagnosticFlag::log)},
+        // Matching is by exact equality.
+        {{"tavrick", "--log=1"}, std::nullopt},
+        {{"tavrick", "--LOG"}, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        std::string line;
+        for (const auto& a : c.arguments) line += a + " ";
+        EXPECT_EQ(CommandLine::parse(c.arguments), c.expected) << line;
+    }
+}
+
+TEST(CommandLine, TheEarlierRowWinsWhateverTheArgumentOrder) {
+    EXPECT_EQ(CommandLine::parse({"tavrick", "--fan-probe", "--log"}), command(DiagnosticFlag::log));
+    EXPECT_EQ(CommandLine::parse({"tavrick", "--tap-probe", "--diagnose"}), command(DiagnosticFlag::diagnose));
+    // An ignored flag gives way to the next row that is present.
+    EXPECT_EQ(CommandLine::parse({"tavrick", "--tap-selftest", "--post-key", "12"}),
+              command(DiagnosticFlag::tapSelfTest));
+    EXPECT_EQ(CommandLine::parse({"tavrick", "--log", "--tap-probe"}), command(DiagnosticFlag::log));
+}
+
+TEST(CommandLine, FlagsAreListedInTheirOrderWithTheirSpelling) {
+    std::vector<std::string> spelled;
+    for (auto flag : CommandLine::allFlags()) spelled.emplace_back(CommandLine::spelling(flag));
+    EXPECT_EQ(spelled, (std::vector<std::string>{"--diagnose", "--post-key", "--render-icons", "--probe-selection",
+                                                 "--log", "--tap-selftest", "--mouse-recorder-selftest",
+                                                 "--vault-selftest", "--touchid-probe", "--tap-probe",
+                                                 "--fan-probe"}));
+}
