@@ -57,7 +57,8 @@ public:
         return true;
     }
 
-    Observation observe(Observer observer) {
+    // Observing does not change the value, so a read-only view can be observed.
+    Observation observe(Observer observer) const {
         int id = nextId_++;
         observers_->emplace(id, std::move(observer));
         std::weak_ptr<std::map<int, Observer>> weak = observers_;
@@ -69,7 +70,7 @@ public:
 private:
     T value_{};
     std::shared_ptr<std::map<int, Observer>> observers_ = std::make_shared<std::map<int, Observer>>();
-    int nextId_ = 0;
+    mutable int nextId_ = 0;
 };
 
 } // namespace tavrick

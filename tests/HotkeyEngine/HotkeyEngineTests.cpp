@@ -210,6 +210,9 @@ protected:
     std::shared_ptr<DiagnosticLog> log = DiagnosticLog::make(temp / "support", scheduler);
     SimulatedSession session;
 
+    // Notes are written on the log's own thread; let them land before the scheduler goes away.
+    void TearDown() override { log->flush(); }
+
     static std::string threadName() {
         char name[32] = {};
         pthread_getname_np(pthread_self(), name, sizeof name);

@@ -184,7 +184,7 @@ TEST_F(JSONPreferenceStoreTest, TwoStoresOnOneFileSeeEachOthersWritesAndKeepThem
 }
 
 TEST_F(JSONPreferenceStoreTest, AnEditInPlaceRightAfterAWriteIsSeen) {
-    // Same size, same inode, and too soon for the time stamps to move: only the bytes differ.
+    // Same size and same inode: only the time stamps and the bytes tell the edit apart.
     JSONPreferenceStore store(file());
     for (int round = 1; round <= 8; ++round) {
         ASSERT_TRUE(store.set("k", round));

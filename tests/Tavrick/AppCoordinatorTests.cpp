@@ -1,0 +1,259 @@
+#include "CoreKit/DiagnosticLog.h"
+#include "CoreKit/KeyCodes.h"
+#include "CoreKit/ManualScheduler.h"
+#include "CoreKit/Modifiers.h"
+#include "CoreKit/PreferenceStore.h"
+#include "CoreKit/Toast.h"
+#include "Platform/Simulated/SimulatedSession.h"
+#include "Support/TempDir.h"
+#include "Tavrick/AppCoordinator.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+using namespace tavrick;
+using namespace tavrick::testing;
+
+namespace {
+
+struct RecordingPresenter : Toast::Presenter {
+    std::vector<std::string> lines;
+    void present(const std::string& title, Toast::Kind, const std::optional<std::string>& detail) override {
+        lines.push_back(title + (detail ? " | " + *detail : ""));
+    }
+};
+
+// ⌃⌥← and ⌃⌥→, as a user's file would hold them.
+const char* mappingsFile = R"({
+  "mappings": [
+    {"id": "11111111-1111-4111-8111-111111111111", "name": "", "isEnabled": true,
+     "trigger": {"hotkey": {"_0": {"keyCode": 123, "modifiers": 12}}}, "action": {"window": {"_0": "leftHalf"}}},
+    {"id": "22222222-2222-4222-8222-222222222222", "name": "Awake", "isEnabled": true,
+     "trigger": {"hotkey": {"_0": {"keyCode": 124, "modifiers": 12}}}, "action": {"toggleAwake": {}}}
+  ],
+  "schemaVersion": 1
+})";
+
+class CoordinatorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        installTestPlatform(root.path());
+        writeFile(root / "mappings.json", mappingsFile);
+        presenter = std::make_shared<RecordingPresenter>();
+        Toast::shared().setPresenter(presenter);
+        log = DiagnosticLog::make(root / "support", scheduler);
+    }
+    void TearDown() override {
+        coordinator.reset();
+        Toast::shared().setPresenter(nullptr);
+        Toast::shared().setIsEnabled(nullptr);
+    }
+
+    std::shared_ptr<AppCoordinator> make() {
+        coordinator = AppCoordinator::make(AppEnvironment{
+            .scheduler = scheduler,
+            .log = *log,
+            .events = session,
+            .defaults = defaults,
+            .keyboardLayout = nullptr,
+            .mappingsFile = root / "mappings.json",
+            .permissionState = [this](Permission p) { return p == Permission::accessibility ? accessibility : inputMonitoring; },
+            .footprint = [this] { return footprint; },
+            .version = "1.2.3",
+            .build = "45",
+            .operatingSystemVersion = "Debian 12",
+        });
+        return coordinator;
+    }
+
+    // Presses a key in the session and lets every queue run.
+    void press(std::uint16_t keyCode, Modifiers modifiers) {
+        session.post(Event::keyboard(keyCode, true, modifiers.cgFlags()));
+        session.post(Event::keyboard(keyCode, false, modifiers.cgFlags()));
+        ASSERT_TRUE(session.drain());
+        scheduler.runUntilIdle();
+    }
+
+    std::vector<std::string> notes() {
+        log->flush();
+        std::vector<std::string> lines;
+        std::istringstream in(log->contents());
+        for (std::string line; std::getline(in, line);) {
+            // Drop the stamp: "yyyy-MM-dd HH:mm:ss.SSS " is 24 characters.
+            lines.push_back(line.size() > 24 ? line.substr(24) : line);
+        }
+        return lines;
+    }
+
+    bool noted(const std::string& line) {
+        auto all = notes();
+        return std::find(all.begin(), all.end(), line) != all.end();
+    }
+
+    TempDir root;
+    ManualScheduler scheduler;
+    SimulatedSession session;
+    InMemoryPreferenceStore defaults;
+    std::shared_ptr<DiagnosticLog> log;
+    std::shared_ptr<RecordingPresenter> presenter;
+    std::shared_ptr<AppCoordinator> coordinator;
+    PermissionState accessibility = PermissionState::granted;
+    PermissionState inputMonitoring = PermissionState::granted;
+    std::optional<std::uint64_t> footprint = 25 * 1024 * 1024;
+};
+
+const Modifiers controlOption = Modifiers::control | Modifiers::option;
+
+} // namespace
+
+TEST_F(CoordinatorTest, NothingListensBeforeTheDeferredStart) {
+    make();
+    EXPECT_TRUE(session.taps().empty());
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_EQ(session.delivered().size(), 2u);  // down and up reach the application untouched
+    EXPECT_FALSE(noted("[action] running Left Half"));
+}
+
+TEST_F(CoordinatorTest, StartWritesTheLaunchNotesInOrderAndAnnouncesTwoSecondsLater) {
+    inputMonitoring = PermissionState::unknown;
+    make()->start();
+    auto lines = notes();
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "[launch] Tavrick 1.2.3 (45) macOS Debian 12, accessibility=granted, inputMonitoring=denied, mappings=2");
+    EXPECT_EQ(lines[1], "[launch] selection bar=off, copy-on-select=off");
+    EXPECT_EQ(lines[2], "[launch] menu layout — nothing hidden");
+    EXPECT_TRUE(presenter->lines.empty());
+
+    scheduler.advance(1.9);
+    EXPECT_TRUE(presenter->lines.empty());
+    scheduler.advance(0.1);
+    EXPECT_EQ(presenter->lines, (std::vector<std::string>{"Tavrick is running | Using 25.0 MB of memory"}));
+    EXPECT_EQ(notes().back(), "[launch] footprint 25.0 MB");
+}
+
+TEST_F(CoordinatorTest, AnnouncementWithoutAFootprintHasNoDetailAndNoNote) {
+    footprint = std::nullopt;
+    make()->start();
+    scheduler.advance(2.0);
+    EXPECT_EQ(presenter->lines, (std::vector<std::string>{"Tavrick is running"}));
+    for (const auto& line : notes()) EXPECT_EQ(line.find("footprint"), std::string::npos);
+}
+
+TEST_F(CoordinatorTest, ConfirmationsOffSilenceTheAnnouncement) {
+    defaults.set("showConfirmations", false);
+    make()->start();
+    scheduler.advance(2.0);
+    EXPECT_TRUE(presenter->lines.empty());
+}
+
+TEST_F(CoordinatorTest, AnUncleanEndBeforeIsNotedFirst) {
+    writeFile(root / "support/running.marker", "");
+    make()->start();
+    auto lines = notes();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "[launch] the previous run ended without a clean shutdown — a crash or a kill, not a Quit");
+}
+
+TEST_F(CoordinatorTest, AHotkeyCrossesToTheMainThreadAndRunsItsAction) {
+    make()->start();
+    int awake = 0;
+    coordinator->actions().onToggleAwake = [&] { ++awake; };
+
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_TRUE(noted("[hotkey] ⌃⌥← fired 'Left Half'"));
+    EXPECT_TRUE(noted("[action] running Left Half"));
+    // The key-down was swallowed; its key-up passes, since it is outside the tap's mask.
+    ASSERT_EQ(session.delivered().size(), 1u);
+    EXPECT_EQ(session.delivered()[0].type, EventType::keyUp);
+
+    press(KeyCodes::rightArrow, controlOption);
+    EXPECT_EQ(awake, 1);
+    // Not an exact modifier match: passes through and fires nothing.
+    press(KeyCodes::rightArrow, controlOption | Modifiers::shift);
+    EXPECT_EQ(awake, 1);
+}
+
+TEST_F(CoordinatorTest, AMappingThatFiresAfterTheCoordinatorIsGoneIsDropped) {
+    make()->start();
+    session.post(Event::keyboard(KeyCodes::leftArrow, true, controlOption.cgFlags()));
+    ASSERT_TRUE(session.drain());
+    // The engine has handed the mapping to the global queue; the coordinator goes first.
+    std::weak_ptr<AppCoordinator> weak = coordinator;
+    coordinator.reset();
+    EXPECT_TRUE(weak.expired());
+    scheduler.runUntilIdle();
+    EXPECT_FALSE(noted("[action] running Left Half"));
+}
+
+TEST_F(CoordinatorTest, StoreChangesReachTheEngineEvenWhenTheDiskFails) {
+    make()->start();
+    // The file's place becomes a directory, so every save from here on fails.
+    std::filesystem::remove(root / "mappings.json");
+    std::filesystem::create_directories(root / "mappings.json");
+    Mapping mapping;
+    mapping.id = UUID::random();
+    mapping.name = "Center it";
+    mapping.trigger = Trigger::hotkey(HotkeySpec{8, Modifiers::control | Modifiers::option});
+    mapping.action = ActionSpec::window(WindowCommand::center);
+    coordinator->store().add(mapping);
+    press(8, controlOption);
+    EXPECT_TRUE(noted("[hotkey] ⌃⌥C fired 'Center it'"));
+    EXPECT_TRUE(noted("[action] running Center"));
+}
+
+TEST_F(CoordinatorTest, MasterSwitchStopsAndRestartsTheTap) {
+    make()->start();
+    ASSERT_EQ(session.taps().size(), 1u);
+    std::vector<bool> seen;
+    auto observation = coordinator->isEnabled().observe([&](bool value) { seen.push_back(value); });
+
+    coordinator->setEnabled(false);
+    EXPECT_TRUE(session.taps().empty());
+    EXPECT_FALSE(coordinator->hotkeys().isRunning());
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_EQ(session.delivered().size(), 2u);
+
+    coordinator->setEnabled(false);  // no change, nobody told
+    coordinator->setEnabled(true);
+    EXPECT_TRUE(coordinator->hotkeys().isRunning());
+    EXPECT_EQ(seen, (std::vector<bool>{false, true}));
+}
+
+TEST_F(CoordinatorTest, ARefusedTapBecomesTheEngineErrorAndARetryClearsIt) {
+    accessibility = PermissionState::denied;
+    session.setTapCreationAllowed(false);
+    make()->start();
+    const std::string description =
+        "Could not create the event tap. This usually means Input Monitoring or Accessibility permission has not been granted.";
+    EXPECT_EQ(coordinator->engineError().get(), description);
+    EXPECT_EQ(coordinator->blockingPermission(), Permission::accessibility);
+    EXPECT_TRUE(noted("[launch] hotkey engine did not start: " + description));
+
+    accessibility = PermissionState::granted;
+    inputMonitoring = PermissionState::denied;
+    EXPECT_EQ(coordinator->blockingPermission(), Permission::inputMonitoring);
+
+    session.setTapCreationAllowed(true);
+    coordinator->retryEngines();
+    EXPECT_EQ(coordinator->engineError().get(), std::nullopt);
+    EXPECT_EQ(coordinator->blockingPermission(), std::nullopt);
+    EXPECT_TRUE(coordinator->hotkeys().isRunning());
+}
+
+TEST_F(CoordinatorTest, TurningTheSwitchOffClearsTheEngineError) {
+    session.setTapCreationAllowed(false);
+    make()->start();
+    ASSERT_TRUE(coordinator->engineError().get().has_value());
+    coordinator->setEnabled(false);
+    EXPECT_FALSE(coordinator->engineError().get().has_value());
+}
+
+TEST_F(CoordinatorTest, StartRunsOnce) {
+    make()->start();
+    coordinator->start();
+    std::size_t launches = 0;
+    for (const auto& line : notes()) launches += line.rfind("[launch] Tavrick ", 0) == 0;
+    EXPECT_EQ(launches, 1u);
+    EXPECT_EQ(session.taps().size(), 1u);
+}
