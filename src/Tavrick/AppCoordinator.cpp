@@ -23,6 +23,7 @@ std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment)
 AppCoordinator::AppCoordinator(AppEnvironment environment)
     : env_(std::move(environment)),
       store_(std::make_unique<MappingStore>(env_.mappingsFile, env_.log, env_.scheduler.clock())),
+      permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
       hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
       actions_(std::make_unique<ActionRunner>(env_.log)) {}
@@ -39,6 +40,10 @@ void AppCoordinator::installClosures() {
     // Engines hear about every change first, in a fixed order, on the calling thread.
     store_->onChange = [weak](const std::vector<Mapping>& mappings) {
         if (auto self = weak.lock()) self->hotkeys_->update(mappings);
+    };
+
+    permissions_->onStateChange = [weak] {
+        if (auto self = weak.lock()) self->permissionsDidChange();
     };
 
     // The engine calls this on the global queue; the action itself runs on the main thread, and
@@ -70,7 +75,8 @@ void AppCoordinator::start() {
         return !self || self->settings_->showConfirmations.get();
     });
 
-    // 3. There is no permissions monitor in this build: the states are read where needed.
+    // 3.
+    permissions_->refresh();
 
     // 4. The clean-shutdown marker of the previous run.
     if (!env_.log.beginSession()) {
@@ -78,8 +84,8 @@ void AppCoordinator::start() {
     }
 
     // 5. Who is running, with what.
-    const auto accessibility = env_.permissionState(Permission::accessibility);
-    const auto inputMonitoring = env_.permissionState(Permission::inputMonitoring);
+    const auto accessibility = permissions_->state(Permission::accessibility);
+    const auto inputMonitoring = permissions_->state(Permission::inputMonitoring);
     env_.log.note("launch", launchLine(env_.version, env_.build, env_.operatingSystemVersion, accessibility,
                                        inputMonitoring, store_->mappings().get().size()));
     env_.log.note("launch", "selection bar=" + std::string(rawValue(settings_->selectionMode.get())) +
@@ -121,13 +127,18 @@ void AppCoordinator::announceLaunch() {
 
 void AppCoordinator::startEngines() {
     isRestartingEngines_ = true;
+    permissions_->refresh();
     try {
         hotkeys_->start();
         engineError_.set(std::nullopt);
+        permissions_->endPolling();
     } catch (const std::exception& error) {
         Log::core.error("Hotkey engine did not start: %s", error.what());
         env_.log.note("launch", std::string("hotkey engine did not start: ") + error.what());
         engineError_.set(std::string(error.what()));
+        // Nothing else asks for a grant in this build, so the failure itself starts the polling
+        // that brings the engines up once the user grants the permission.
+        permissions_->beginPolling();
     }
     isRestartingEngines_ = false;
 }
@@ -153,9 +164,21 @@ void AppCoordinator::retryEngines() {
 
 std::optional<Permission> AppCoordinator::blockingPermission() const {
     if (!engineError_.get()) return std::nullopt;
-    if (env_.permissionState(Permission::accessibility) != PermissionState::granted) return Permission::accessibility;
-    if (env_.permissionState(Permission::inputMonitoring) != PermissionState::granted) return Permission::inputMonitoring;
+    if (permissions_->state(Permission::accessibility) != PermissionState::granted) return Permission::accessibility;
+    if (permissions_->state(Permission::inputMonitoring) != PermissionState::granted) return Permission::inputMonitoring;
     return std::nullopt;
+}
+
+void AppCoordinator::permissionsDidChange() {
+    if (isRestartingEngines_ || !isEnabled_.get()) return;
+    if (!engineError_.get()) {
+        permissions_->endPolling();
+        return;
+    }
+    if (permissions_->state(Permission::accessibility) == PermissionState::granted) {
+        Log::core.notice("Permission granted — restarting engines");
+        retryEngines();
+    }
 }
 
 } // namespace tavrick

@@ -8,7 +8,7 @@
 #include "CoreKit/KeyboardLayout.h"
 #include "CoreKit/MappingStore.h"
 #include "CoreKit/Observable.h"
-#include "CoreKit/Permissions.h"
+#include "CoreKit/PermissionsMonitor.h"
 #include "CoreKit/PreferenceStore.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 
@@ -30,7 +30,7 @@ struct AppEnvironment {
     // The layout behind key names; may be null.
     std::shared_ptr<KeyboardLayoutCache> keyboardLayout;
     std::filesystem::path mappingsFile;
-    std::function<PermissionState(Permission)> permissionState;
+    PermissionSource permissionSource;
     // The process's memory footprint in bytes, when it can be read.
     std::function<std::optional<std::uint64_t>()> footprint;
     std::string version;
@@ -64,6 +64,7 @@ public:
     std::optional<Permission> blockingPermission() const;
 
     MappingStore& store() { return *store_; }
+    PermissionsMonitor& permissions() { return *permissions_; }
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
@@ -79,10 +80,12 @@ private:
     void stopEngines();
     void announceLaunch();
     void runOnMain(const Mapping& mapping);
+    void permissionsDidChange();
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
+    std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<ActionRunner> actions_;

@@ -79,7 +79,9 @@ int TavrickApp::main(int argc, char** argv) {
         .defaults = defaults,
         .keyboardLayout = layout,
         .mappingsFile = mappingsFile,
-        .permissionState = [](Permission) { return PermissionState::granted; },
+        // The simulated session's taps stand for both permissions.
+        .permissionSource = PermissionSource{[&session] { return session.isTapCreationAllowed(); },
+                                             [&session] { return session.isTapCreationAllowed() ? 0 : 1; }},
         .footprint = [] { return ProcessFootprint::current(); },
         .version = AppInfo::version(),
         .build = AppInfo::build(),

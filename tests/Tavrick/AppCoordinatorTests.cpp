@@ -58,7 +58,11 @@ protected:
             .defaults = defaults,
             .keyboardLayout = nullptr,
             .mappingsFile = root / "mappings.json",
-            .permissionState = [this](Permission p) { return p == Permission::accessibility ? accessibility : inputMonitoring; },
+            .permissionSource = PermissionSource{[this] { return accessibility == PermissionState::granted; },
+                                                 [this] {
+                                                     return inputMonitoring == PermissionState::granted ? 0
+                                                            : inputMonitoring == PermissionState::denied ? 1 : 2;
+                                                 }},
             .footprint = [this] { return footprint; },
             .version = "1.2.3",
             .build = "45",
@@ -230,8 +234,11 @@ TEST_F(CoordinatorTest, ARefusedTapBecomesTheEngineErrorAndARetryClearsIt) {
     EXPECT_EQ(coordinator->blockingPermission(), Permission::accessibility);
     EXPECT_TRUE(noted("[launch] hotkey engine did not start: " + description));
 
+    // Accessibility granted, the tap still refused: the retry fails and input monitoring blocks.
     accessibility = PermissionState::granted;
     inputMonitoring = PermissionState::denied;
+    coordinator->permissions().refresh();
+    EXPECT_TRUE(coordinator->engineError().get().has_value());
     EXPECT_EQ(coordinator->blockingPermission(), Permission::inputMonitoring);
 
     session.setTapCreationAllowed(true);
@@ -256,4 +263,37 @@ TEST_F(CoordinatorTest, StartRunsOnce) {
     for (const auto& line : notes()) launches += line.rfind("[launch] Tavrick ", 0) == 0;
     EXPECT_EQ(launches, 1u);
     EXPECT_EQ(session.taps().size(), 1u);
+}
+
+TEST_F(CoordinatorTest, GrantingThePermissionLaterRestartsTheEnginesWithoutARelaunch) {
+    accessibility = PermissionState::denied;
+    session.setTapCreationAllowed(false);
+    make()->start();
+    ASSERT_TRUE(coordinator->engineError().get().has_value());
+    EXPECT_TRUE(coordinator->permissions().isPolling());
+
+    scheduler.advance(3.0);  // still refused: polling goes on
+    EXPECT_TRUE(coordinator->permissions().isPolling());
+    EXPECT_FALSE(coordinator->hotkeys().isRunning());
+
+    accessibility = PermissionState::granted;
+    session.setTapCreationAllowed(true);
+    scheduler.advance(1.0);
+    EXPECT_TRUE(coordinator->hotkeys().isRunning());
+    EXPECT_EQ(coordinator->engineError().get(), std::nullopt);
+    EXPECT_FALSE(coordinator->permissions().isPolling());
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_TRUE(noted("[action] running Left Half"));
+}
+
+TEST_F(CoordinatorTest, PermissionChangesAreIgnoredWhileTheSwitchIsOff) {
+    accessibility = PermissionState::denied;
+    session.setTapCreationAllowed(false);
+    make()->start();
+    coordinator->setEnabled(false);
+    coordinator->permissions().beginPolling();
+    accessibility = PermissionState::granted;
+    session.setTapCreationAllowed(true);
+    scheduler.advance(1.0);
+    EXPECT_FALSE(coordinator->hotkeys().isRunning());
 }

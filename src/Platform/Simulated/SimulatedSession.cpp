@@ -293,6 +293,11 @@ void SimulatedSession::setTapCreationAllowed(bool allowed) {
     core_->tapCreationAllowed = allowed;
 }
 
+bool SimulatedSession::isTapCreationAllowed() const {
+    std::lock_guard lock(core_->mutex);
+    return core_->tapCreationAllowed;
+}
+
 void SimulatedSession::setEventCreationAllowed(bool allowed) {
     std::lock_guard lock(core_->mutex);
     core_->eventCreationAllowed = allowed;

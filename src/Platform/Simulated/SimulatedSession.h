@@ -51,6 +51,8 @@ public:
 
     // Scripting, from any thread.
     void setTapCreationAllowed(bool allowed);
+    // Whether taps are granted, which is what both permissions amount to here.
+    bool isTapCreationAllowed() const;
     void setEventCreationAllowed(bool allowed);
     void setCallbackTimeout(double seconds);
     // Disables the tap as the system would; the notice, when there is one, reaches the tap's
