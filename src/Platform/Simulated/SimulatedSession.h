@@ -62,7 +62,8 @@ public:
     std::vector<TapInfo> taps() const;
 
     // Waits until every event posted so far has been delivered or swallowed and every notice has
-    // been handled. False when that took longer than `timeoutSeconds`.
+    // been handled. False when that took longer than `timeoutSeconds`. Not from a tap's callback,
+    // which the session may be waiting for.
     bool drain(double timeoutSeconds = 5.0);
 
     // What reached the frontmost application, in order.
