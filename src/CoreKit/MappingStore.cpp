@@ -96,8 +96,15 @@ bool pathExists(const std::filesystem::path& path) {
     auto status = std::filesystem::symlink_status(path, error);
     // A path that cannot even be looked at is treated as present: the read that follows gives
     // the reason, and nothing is seeded over it.
-    if (error && error != std::errc::no_such_file_or_directory) return true;
+    if (error && error != std::errc::no_such_file_or_directory && error != std::errc::not_a_directory) return true;
     return std::filesystem::exists(status);
+}
+
+// Whether a name is certainly taken; used to pick a free name, so doubt counts as free and the
+// rename itself reports any real problem.
+bool occupied(const std::filesystem::path& path) {
+    std::error_code error;
+    return std::filesystem::exists(std::filesystem::symlink_status(path, error));
 }
 
 } // namespace
@@ -179,7 +186,7 @@ std::optional<std::filesystem::path> MappingStore::moveAside(std::string& failur
     std::string base = fileURL_.string() + ".corrupt-" + std::to_string(seconds);
     // Two bad files within one second must not overwrite each other's copy.
     std::filesystem::path target = base;
-    for (int suffix = 2; pathExists(target); ++suffix) target = base + "-" + std::to_string(suffix);
+    for (int suffix = 2; occupied(target); ++suffix) target = base + "-" + std::to_string(suffix);
     if (::rename(fileURL_.c_str(), target.c_str()) != 0) {
         failure = errnoText(errno);
         return std::nullopt;
@@ -208,7 +215,14 @@ bool MappingStore::persist() {
         nlohmann::json document = nlohmann::json::object();
         document["mappings"] = std::move(list);
         document["schemaVersion"] = MappingFile::schemaVersion;
-        written = writeAtomically(fileURL_, MappingFile::prettyText(document), failure);
+        // A file that is a link (kept in a dotfiles folder, say) is saved where it points, so the
+        // link survives the rename.
+        auto target = fileURL_;
+        if (std::filesystem::is_symlink(fileURL_, error)) {
+            auto resolved = std::filesystem::weakly_canonical(fileURL_, error);
+            if (!error) target = resolved;
+        }
+        written = writeAtomically(target, MappingFile::prettyText(document), failure);
     }
     if (!written) {
         Log::core.error("Could not save mappings: %s", failure.c_str());

@@ -1,5 +1,6 @@
 #include "CoreKit/MappingStore.h"
 
+#include "CoreKit/Directories.h"
 #include "CoreKit/KeyCodes.h"
 #include "CoreKit/ManualScheduler.h"
 #include "Platform/Linux/LinuxBundle.h"
@@ -154,7 +155,10 @@ TEST_F(MappingStoreTest, SeedProblemsStartEmpty) {
         EXPECT_EQ(lines[0].rfind(c.logPrefix, 0), 0u) << lines[0];
     }
     fs::remove_all(resources);
+    LogCapture capture;
     auto store = open();
+    EXPECT_EQ(capture.messages("core"), (std::vector<std::string>{"No bundled DefaultMappings.json; starting empty",
+                                                                  "Seeded 0 example mappings"}));
     EXPECT_TRUE(store->mappings().get().empty());
     EXPECT_EQ(onDisk()["mappings"], json::array());
 }
@@ -367,10 +371,11 @@ TEST_F(MappingStoreTest, EnginesHearOfAChangeBeforeTheFileIsWritten) {
     EXPECT_EQ(onDiskWhenTold[0], 2u) << "the file still held the old list";
     EXPECT_EQ(onDisk()["mappings"].size(), 3u);
 
-    store->publishCurrent();
-    EXPECT_EQ(told.size(), 2u);
     fs::remove(file);
+    store->onChange = [&](const std::vector<Mapping>& mappings) { told.push_back(names(mappings)); };
     store->publishCurrent();
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[1], told[0]);
     EXPECT_FALSE(fs::exists(file)) << "publishing writes nothing";
 }
 
@@ -583,8 +588,23 @@ TEST_F(MappingStoreTest, RestoreExamplesAddsOnlyMissingOnes) {
     EXPECT_EQ(names(MappingDocument::fromJSON(onDisk()).mappings), names(store->mappings().get()));
 }
 
+TEST_F(MappingStoreTest, ALinkedFileIsSavedWhereItPoints) {
+    installSeed();
+    writeDocument({hotkeyMapping(1).toJSON().dump()});
+    fs::create_directories(dir / "dotfiles");
+    fs::rename(file, dir / "dotfiles" / "tavrick-mappings.json");
+    fs::create_symlink(dir / "dotfiles" / "tavrick-mappings.json", file);
+    auto store = open();
+    store->add(hotkeyMapping(2));
+    EXPECT_TRUE(fs::is_symlink(file));
+    EXPECT_EQ(json::parse(readFile(dir / "dotfiles" / "tavrick-mappings.json"))["mappings"].size(), 2u);
+}
+
 TEST_F(MappingStoreTest, DefaultPathsFollowTheSupportDirectory) {
     tavrick::testing::installTestPlatform(dir.path());
     EXPECT_EQ(MappingStore::supportDirectory(), dir / "data" / "com.orvell.tavrick");
     EXPECT_EQ(MappingStore::defaultFileURL(), dir / "data" / "com.orvell.tavrick" / "mappings.json");
+    // Leave the process as it was: nothing installed, and a bundle that knows nothing.
+    Directories::install(nullptr);
+    Bundle::setMain(nullptr);
 }
