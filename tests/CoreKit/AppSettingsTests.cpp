@@ -1,4 +1,6 @@
+#include "CoreKit/AppInfo.h"
 #include "CoreKit/AppSettings.h"
+#include "CoreKit/Bundle.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/ManualScheduler.h"
 #include "Support/TempDir.h"
@@ -539,6 +541,47 @@ TEST(SettingsTypesTest, RawValuesDisplayNamesAndFlags) {
     roundTrips(allCases<NotepadPresentation>(), {"window", "underMenuBar"});
     roundTrips(allCases<SelectionMode>(), {"off", "onDemand", "automatic"});
     EXPECT_FALSE(fromRaw<AppAppearance>("Dark"));
+}
+
+class FakeBundle final : public Bundle {
+public:
+    FakeBundle(std::optional<std::string> identifier, std::map<std::string, std::string> info)
+        : identifier_(std::move(identifier)), info_(std::move(info)) {}
+    std::optional<std::string> identifier() const override { return identifier_; }
+    std::optional<std::string> infoString(const std::string& key) const override {
+        auto found = info_.find(key);
+        if (found == info_.end()) return std::nullopt;
+        return found->second;
+    }
+    std::optional<std::filesystem::path> resourcePath(const std::string&) const override { return std::nullopt; }
+    std::filesystem::path bundlePath() const override { return {}; }
+
+private:
+    std::optional<std::string> identifier_;
+    std::map<std::string, std::string> info_;
+};
+
+TEST(AppInfoTest, AnswersFromTheBundleElseFallsBack) {
+    Bundle::setMain(std::make_shared<FakeBundle>(std::nullopt, std::map<std::string, std::string>{}));
+    EXPECT_EQ(AppInfo::bundleIdentifier(), "com.orvell.tavrick");
+    EXPECT_EQ(AppInfo::displayName(), "Tavrick");
+    EXPECT_EQ(AppInfo::versionString(), "0.0.0 (0)");
+
+    Bundle::setMain(std::make_shared<FakeBundle>(
+        "com.example.build", std::map<std::string, std::string>{{"CFBundleDisplayName", "Tavrick Beta"},
+                                                                {"CFBundleShortVersionString", "2.1.0"},
+                                                                {"CFBundleVersion", "417"}}));
+    EXPECT_EQ(AppInfo::bundleIdentifier(), "com.example.build");
+    EXPECT_EQ(AppInfo::displayName(), "Tavrick Beta");
+    EXPECT_EQ(AppInfo::version(), "2.1.0");
+    EXPECT_EQ(AppInfo::build(), "417");
+    EXPECT_EQ(AppInfo::versionString(), "2.1.0 (417)");
+
+    // An empty answer says nothing, like a missing one.
+    Bundle::setMain(std::make_shared<FakeBundle>("", std::map<std::string, std::string>{{"CFBundleVersion", ""}}));
+    EXPECT_EQ(AppInfo::bundleIdentifier(), "com.orvell.tavrick");
+    EXPECT_EQ(AppInfo::build(), "0");
+    Bundle::setMain(nullptr);
 }
 
 } // namespace
