@@ -1,6 +1,7 @@
 #include "CoreKit/MappingStore.h"
 
 #include "CoreKit/Directories.h"
+#include "CoreKit/FileIO.h"
 #include "CoreKit/Log.h"
 
 #include <nlohmann/json.hpp>
@@ -27,68 +28,17 @@ std::string errnoText(int error) {
 
 // Reads a whole file, or says why it could not.
 std::optional<std::string> readWhole(const std::filesystem::path& path, std::string& failure) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        failure = "could not open " + quoted(path) + ": " + errnoText(errno);
-        return std::nullopt;
-    }
-    std::string contents;
-    struct stat info {};
-    if (::fstat(fd, &info) == 0 && info.st_size > 0) contents.reserve(static_cast<std::size_t>(info.st_size));
-    char buffer[65536];
-    for (;;) {
-        ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            failure = "could not read " + quoted(path) + ": " + errnoText(errno);
-            ::close(fd);
-            return std::nullopt;
-        }
-        if (count == 0) break;
-        contents.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(fd);
-    return contents;
+    int error = 0;
+    auto text = FileIO::readAll(path, error);
+    if (!text) failure = "could not read " + quoted(path) + ": " + errnoText(error);
+    return text;
 }
 
-// Writes beside the target, flushes, and renames over it, so a reader (or a crash) only ever
-// sees the old file or the whole new one.
-bool writeAtomically(const std::filesystem::path& path, const std::string& text, std::string& failure) {
-    std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
-    int fd = ::mkstemp(temporary.data());
-    if (fd < 0) {
-        failure = "could not create a file in “" + path.parent_path().string() + "”: " + errnoText(errno);
-        return false;
-    }
-    auto fail = [&](const std::string& step, int error) {
-        failure = step + " " + quoted(path) + ": " + errnoText(error);
-        if (fd >= 0) ::close(fd);
-        ::unlink(temporary.c_str());
-        return false;
-    };
-    // Keep the permissions of the file being replaced; a new file gets the usual 0644.
-    struct stat existing {};
-    mode_t mode = ::stat(path.c_str(), &existing) == 0 ? (existing.st_mode & 07777) : 0644;
-    if (::fchmod(fd, mode) != 0) return fail("could not set the permissions of", errno);
-    std::size_t offset = 0;
-    while (offset < text.size()) {
-        ssize_t count = ::write(fd, text.data() + offset, text.size() - offset);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return fail("could not write", errno);
-        }
-        offset += static_cast<std::size_t>(count);
-    }
-    if (::fsync(fd) != 0) return fail("could not flush", errno);
-    int closed = ::close(fd);
-    fd = -1;
-    if (closed != 0) return fail("could not close", errno);
-    if (::rename(temporary.c_str(), path.c_str()) != 0) return fail("could not replace", errno);
-    if (int directory = ::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); directory >= 0) {
-        ::fsync(directory);
-        ::close(directory);
-    }
-    return true;
+bool writeWhole(const std::filesystem::path& path, const std::string& text, std::string& failure) {
+    auto problem = FileIO::writeAtomically(path, text);
+    if (!problem) return true;
+    failure = "could not " + problem->step + " " + quoted(path) + ": " + errnoText(problem->error);
+    return false;
 }
 
 bool pathExists(const std::filesystem::path& path) {
@@ -98,13 +48,6 @@ bool pathExists(const std::filesystem::path& path) {
     // the reason, and nothing is seeded over it.
     if (error && error != std::errc::no_such_file_or_directory && error != std::errc::not_a_directory) return true;
     return std::filesystem::exists(status);
-}
-
-// Whether a name is certainly taken; used to pick a free name, so doubt counts as free and the
-// rename itself reports any real problem.
-bool occupied(const std::filesystem::path& path) {
-    std::error_code error;
-    return std::filesystem::exists(std::filesystem::symlink_status(path, error));
 }
 
 } // namespace
@@ -182,15 +125,9 @@ void MappingStore::load() {
 }
 
 std::optional<std::filesystem::path> MappingStore::moveAside(std::string& failure) {
-    auto seconds = static_cast<long long>(std::floor(clock_.now()));
-    std::string base = fileURL_.string() + ".corrupt-" + std::to_string(seconds);
-    // Two bad files within one second must not overwrite each other's copy.
-    std::filesystem::path target = base;
-    for (int suffix = 2; occupied(target); ++suffix) target = base + "-" + std::to_string(suffix);
-    if (::rename(fileURL_.c_str(), target.c_str()) != 0) {
-        failure = errnoText(errno);
-        return std::nullopt;
-    }
+    int error = 0;
+    auto target = FileIO::moveAside(fileURL_, static_cast<long long>(std::floor(clock_.now())), error);
+    if (!target) failure = errnoText(error);
     return target;
 }
 
@@ -222,7 +159,7 @@ bool MappingStore::persist() {
             auto resolved = std::filesystem::weakly_canonical(fileURL_, error);
             if (!error) target = resolved;
         }
-        written = writeAtomically(target, MappingFile::prettyText(document), failure);
+        written = writeWhole(target, MappingFile::prettyText(document), failure);
     }
     if (!written) {
         Log::core.error("Could not save mappings: %s", failure.c_str());

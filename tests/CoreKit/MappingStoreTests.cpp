@@ -433,7 +433,7 @@ TEST_F(MappingStoreTest, AnUnwritableFolderKeepsTheLastGoodFile) {
     fs::permissions(support, fs::perms::owner_all);
     EXPECT_EQ(readFile(file), good);
     EXPECT_EQ(store->mappings().get().size(), 3u);
-    EXPECT_NE(diagnostics->contents().find("[mappings] could not save: could not create a file in"), std::string::npos);
+    EXPECT_NE(diagnostics->contents().find("[mappings] could not save: could not create a temporary file for “mappings.json”"), std::string::npos);
 }
 
 TEST_F(MappingStoreTest, ReplacingKeepsTheFilesPermissions) {

@@ -3,11 +3,14 @@
 #include "CoreKit/AppInfo.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/Directories.h"
+#include "CoreKit/FileIO.h"
 #include "CoreKit/Log.h"
 
 #include <nlohmann/json.hpp>
+#include <openssl/evp.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -31,58 +34,27 @@ constexpr const char* dictionaryMarker = "$dictionary";
 // long of the last read may leave every stat field as it was; within it the bytes are compared.
 constexpr double racyWindowSeconds = 0.1;
 
-constexpr char base64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
 std::string base64Encode(const PreferenceValue::Data& bytes) {
-    std::string out;
-    out.reserve((bytes.size() + 2) / 3 * 4);
-    std::size_t i = 0;
-    for (; i + 2 < bytes.size(); i += 3) {
-        std::uint32_t chunk = (bytes[i] << 16) | (bytes[i + 1] << 8) | bytes[i + 2];
-        out += base64Alphabet[(chunk >> 18) & 63];
-        out += base64Alphabet[(chunk >> 12) & 63];
-        out += base64Alphabet[(chunk >> 6) & 63];
-        out += base64Alphabet[chunk & 63];
-    }
-    if (std::size_t rest = bytes.size() - i; rest > 0) {
-        std::uint32_t chunk = bytes[i] << 16;
-        if (rest == 2) chunk |= bytes[i + 1] << 8;
-        out += base64Alphabet[(chunk >> 18) & 63];
-        out += base64Alphabet[(chunk >> 12) & 63];
-        out += rest == 2 ? base64Alphabet[(chunk >> 6) & 63] : '=';
-        out += '=';
-    }
+    std::string out((bytes.size() + 2) / 3 * 4 + 1, '\0');
+    int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
+    out.resize(static_cast<std::size_t>(length));
     return out;
 }
 
-// Strict: the standard alphabet, padded to a multiple of four, nothing else.
+// Strict: the standard alphabet, padded to a multiple of four, nothing else (the library's
+// decoder would also let white space through).
 std::optional<PreferenceValue::Data> base64Decode(std::string_view text) {
     if (text.size() % 4 != 0) return std::nullopt;
-    std::array<int, 256> table;
-    table.fill(-1);
-    for (int i = 0; i < 64; ++i) table[static_cast<unsigned char>(base64Alphabet[i])] = i;
-    PreferenceValue::Data out;
-    out.reserve(text.size() / 4 * 3);
-    for (std::size_t i = 0; i < text.size(); i += 4) {
-        int values[4];
-        int padding = 0;
-        for (int j = 0; j < 4; ++j) {
-            char c = text[i + j];
-            bool last = i + 4 == text.size();
-            if (c == '=' && last && j >= 2) {
-                values[j] = 0;
-                ++padding;
-                continue;
-            }
-            if (padding > 0) return std::nullopt;
-            values[j] = table[static_cast<unsigned char>(c)];
-            if (values[j] < 0) return std::nullopt;
-        }
-        std::uint32_t chunk = (values[0] << 18) | (values[1] << 12) | (values[2] << 6) | values[3];
-        out.push_back(static_cast<std::uint8_t>(chunk >> 16));
-        if (padding < 2) out.push_back(static_cast<std::uint8_t>(chunk >> 8));
-        if (padding < 1) out.push_back(static_cast<std::uint8_t>(chunk));
+    std::size_t padding = 0;
+    while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+    for (std::size_t i = 0; i + padding < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (!std::isalnum(c) && c != '+' && c != '/') return std::nullopt;
     }
+    PreferenceValue::Data out(text.size() / 4 * 3);
+    int length = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+    if (length < 0) return std::nullopt;
+    out.resize(static_cast<std::size_t>(length) - padding);
     return out;
 }
 
@@ -182,30 +154,6 @@ timespec wallNow() {
     return now;
 }
 
-// Reads the whole file; nullopt with `error` set when it cannot be read.
-std::optional<std::string> readAll(const std::filesystem::path& path, int& error) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = errno;
-        return std::nullopt;
-    }
-    std::string text;
-    char buffer[65536];
-    while (true) {
-        ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            error = errno;
-            ::close(fd);
-            return std::nullopt;
-        }
-        if (count == 0) break;
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(fd);
-    return text;
-}
-
 // Holds an advisory lock on a directory, so that a read-modify-write of the domain by two
 // processes happens one after the other.
 class DirectoryLock {
@@ -297,7 +245,7 @@ void JSONPreferenceStore::refreshLocked() const {
     if (seconds(knownAt_) - seconds(state.modified) >= racyWindowSeconds) return;
     int error = 0;
     timespec readAt = wallNow();
-    auto text = readAll(file_, error);
+    auto text = FileIO::readAll(file_, error);
     if (text && *text == knownText_) {
         knownAt_ = readAt;
         return;
@@ -317,7 +265,7 @@ void JSONPreferenceStore::loadLocked(const FileState& state) const {
         return;
     }
     int error = 0;
-    auto text = readAll(file_, error);
+    auto text = FileIO::readAll(file_, error);
     if (!text) {
         if (error == ENOENT) {
             loadLocked(FileState{});
@@ -346,14 +294,9 @@ void JSONPreferenceStore::loadLocked(const FileState& state) const {
 }
 
 void JSONPreferenceStore::moveAsideLocked(const std::string& reason) const {
-    std::string base = file_.string() + ".corrupt-" + std::to_string(static_cast<long long>(std::time(nullptr)));
-    std::filesystem::path target = base;
-    // A second damaged file in the same second must not replace the first.
-    for (int suffix = 2; std::filesystem::exists(target) || std::filesystem::is_symlink(target); ++suffix) {
-        target = base + "-" + std::to_string(suffix);
-    }
-    if (::rename(file_.c_str(), target.c_str()) != 0) {
-        int error = errno;
+    int error = 0;
+    auto movedTo = FileIO::moveAside(file_, static_cast<long long>(std::time(nullptr)), error);
+    if (!movedTo) {
         Log::core.error("The settings file %s could not be read (%s) and could not be moved aside: %s; using "
                         "defaults without writing over it",
                         file_.c_str(), reason.c_str(), std::strerror(error));
@@ -363,6 +306,7 @@ void JSONPreferenceStore::moveAsideLocked(const std::string& reason) const {
         unreadable_ = true;
         return;
     }
+    const auto& target = *movedTo;
     Log::core.error("The settings file %s could not be read (%s); moved it aside to %s and using defaults",
                     file_.c_str(), reason.c_str(), target.filename().c_str());
     if (log_) {
@@ -463,35 +407,11 @@ bool JSONPreferenceStore::changeLocked(const std::string& key, std::optional<Pre
 }
 
 bool JSONPreferenceStore::writeLocked(const std::string& text) {
-    std::string temporary = file_.string() + ".XXXXXX";
-    int fd = ::mkstemp(temporary.data());
-    bool created = fd >= 0;
-    auto fail = [&](const char* step, int error) {
+    // Settings may hold what a person would rather keep to themselves: only they may read it.
+    if (auto failure = FileIO::writeAtomically(file_, text, 0600)) {
         Log::core.error("Could not save the settings to %s (%s: %s); the change is kept for this run only",
-                        file_.c_str(), step, std::strerror(error));
-        if (fd >= 0) ::close(fd);
-        if (created) ::unlink(temporary.c_str());
+                        file_.c_str(), failure->step.c_str(), std::strerror(failure->error));
         return false;
-    };
-    if (!created) return fail("create a temporary file", errno);
-    std::size_t offset = 0;
-    while (offset < text.size()) {
-        ssize_t count = ::write(fd, text.data() + offset, text.size() - offset);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return fail("write", errno);
-        }
-        offset += static_cast<std::size_t>(count);
-    }
-    if (::fsync(fd) != 0) return fail("flush", errno);
-    int closed = ::close(fd);
-    fd = -1;
-    if (closed != 0) return fail("close", errno);
-    if (::rename(temporary.c_str(), file_.c_str()) != 0) return fail("replace", errno);
-    // The rename itself is made durable by flushing the directory.
-    if (int directory = ::open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); directory >= 0) {
-        ::fsync(directory);
-        ::close(directory);
     }
     known_ = currentState();
     knownText_ = text;
