@@ -2,6 +2,7 @@
 
 #include "CoreKit/Directories.h"
 #include "CoreKit/DispatchScheduler.h"
+#include "CoreKit/FileIO.h"
 
 #include <cerrno>
 #include <cmath>
@@ -125,19 +126,10 @@ std::string repairedUTF8(std::string_view text) {
     return out;
 }
 
+// A missing or unreadable file contributes nothing.
 std::string readWhole(const fs::path& path) {
-    std::string text;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return text;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) break;
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(fd);
-    return text;
+    int error = 0;
+    return FileIO::readAll(path, error).value_or(std::string());
 }
 
 } // namespace

@@ -125,6 +125,20 @@ void AppCoordinator::announceLaunch() {
     });
 }
 
+void AppCoordinator::notify(const std::string& title, const std::string& body,
+                            const std::optional<std::string>& replacing) {
+    auto* center = &env_.notifications;
+    const std::string identifier = replacing.value_or(UUID::random().uuidString());
+    center->requestAuthorization(UserNotificationCenter::alertAndSound,
+                                 [center, identifier, title, body](bool granted, const std::optional<std::string>& error) {
+                                     if (granted) {
+                                         center->add(identifier, title, body);
+                                     } else if (error) {
+                                         Log::core.error("Notifications unavailable: %s", error->c_str());
+                                     }
+                                 });
+}
+
 void AppCoordinator::startEngines() {
     isRestartingEngines_ = true;
     permissions_->refresh();

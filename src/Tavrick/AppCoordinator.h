@@ -10,6 +10,8 @@
 #include "CoreKit/Observable.h"
 #include "CoreKit/PermissionsMonitor.h"
 #include "CoreKit/PreferenceStore.h"
+#include "CoreKit/UserNotifications.h"
+#include "CoreKit/WorkspaceNotifications.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 
 #include <cstdint>
@@ -27,6 +29,8 @@ struct AppEnvironment {
     DiagnosticLog& log;
     EventSystem& events;
     PreferenceStore& defaults;
+    WorkspaceNotifications& workspace;
+    UserNotificationCenter& notifications;
     // The layout behind key names; may be null.
     std::shared_ptr<KeyboardLayoutCache> keyboardLayout;
     std::filesystem::path mappingsFile;
@@ -68,6 +72,10 @@ public:
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
+
+    // Posts a notification when the user allows them; a later one with the same `replacing`
+    // identifier takes the earlier one's place.
+    void notify(const std::string& title, const std::string& body, const std::optional<std::string>& replacing = std::nullopt);
 
     // The launch notes, also used by the tests.
     static std::string launchLine(const std::string& version, const std::string& build, const std::string& osVersion,

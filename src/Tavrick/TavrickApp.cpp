@@ -11,7 +11,9 @@
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
+#include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
+#include "Platform/Linux/TerminalNotifications.h"
 #include "Platform/Linux/TerminalToast.h"
 #include "Platform/Linux/TerminationSignals.h"
 #include "Platform/Simulated/SessionBridge.h"
@@ -68,15 +70,24 @@ int TavrickApp::main(int argc, char** argv) {
 
     const auto defaultsFile = Directories::current().preferences() / AppInfo::bundleIdentifier() / "defaults.json";
     JSONPreferenceStore defaults(defaultsFile, &log);
+    // In the foreground the terminal shows what needs attention; the events themselves are in
+    // the diagnostic log (tavrick --log).
+    Log::setMinimumLevel(LogLevel::notice);
     // The simulated session has no layout of its own: key names fall through to the US names.
     auto layout = KeyboardLayoutCache::make(KeyboardLayoutSource{}, scheduler);
     KeyCodes::installLayoutCache(layout);
+
+    WorkspaceNotifications workspace(scheduler);
+    SuspendWatcher suspendWatcher(workspace, scheduler);
+    TerminalNotifications notifications;
 
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
         .events = session,
         .defaults = defaults,
+        .workspace = workspace,
+        .notifications = notifications,
         .keyboardLayout = layout,
         .mappingsFile = mappingsFile,
         // The simulated session's taps stand for both permissions.
@@ -110,6 +121,7 @@ int TavrickApp::main(int argc, char** argv) {
     }
 
     if (delegate.applicationShouldTerminate() == AppDelegate::TerminateReply::now) {
+        workspace.post({WorkspaceEvent::willTerminate, std::nullopt});
         delegate.applicationWillTerminate();
     }
     bridge.reset();

@@ -1,5 +1,6 @@
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/KeyCodes.h"
+#include "CoreKit/Log.h"
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/Modifiers.h"
 #include "CoreKit/PreferenceStore.h"
@@ -56,6 +57,8 @@ protected:
             .log = *log,
             .events = session,
             .defaults = defaults,
+            .workspace = workspace,
+            .notifications = notifications,
             .keyboardLayout = nullptr,
             .mappingsFile = root / "mappings.json",
             .permissionSource = PermissionSource{[this] { return accessibility == PermissionState::granted; },
@@ -99,6 +102,19 @@ protected:
     ManualScheduler scheduler;
     SimulatedSession session;
     InMemoryPreferenceStore defaults;
+    WorkspaceNotifications workspace{scheduler};
+    struct FakeNotifications : UserNotificationCenter {
+        bool grant = true;
+        std::optional<std::string> error;
+        std::vector<std::string> added;
+        void requestAuthorization(int options, AuthorizationReply reply) override {
+            EXPECT_EQ(options, 6);
+            reply(grant, error);
+        }
+        void add(const std::string& identifier, const std::string& title, const std::string& body) override {
+            added.push_back(identifier + " | " + title + " | " + body);
+        }
+    } notifications;
     std::shared_ptr<DiagnosticLog> log;
     std::shared_ptr<RecordingPresenter> presenter;
     std::shared_ptr<AppCoordinator> coordinator;
@@ -296,4 +312,28 @@ TEST_F(CoordinatorTest, PermissionChangesAreIgnoredWhileTheSwitchIsOff) {
     session.setTapCreationAllowed(true);
     scheduler.advance(1.0);
     EXPECT_FALSE(coordinator->hotkeys().isRunning());
+}
+
+TEST_F(CoordinatorTest, NotificationsNeedConsentAndReplaceByIdentifier) {
+    make();
+    std::vector<std::string> logged;
+    Log::setSink([&](LogLevel, std::string_view, std::string_view message) { logged.emplace_back(message); });
+
+    coordinator->notify("New program online", "curl connected to example.org", std::string("net.curl"));
+    ASSERT_EQ(notifications.added.size(), 1u);
+    EXPECT_EQ(notifications.added[0], "net.curl | New program online | curl connected to example.org");
+
+    coordinator->notify("Time for a break", "Focus finished.");
+    ASSERT_EQ(notifications.added.size(), 2u);
+    // Without a replacing identifier each one is new: a UUID in its text form.
+    EXPECT_EQ(notifications.added[1].find(" | Time for a break | Focus finished."), 36u);
+
+    notifications.grant = false;
+    coordinator->notify("Refused", "silently");
+    EXPECT_TRUE(logged.empty());
+    notifications.error = "The user turned notifications off";
+    coordinator->notify("Refused", "with a reason");
+    EXPECT_EQ(logged, (std::vector<std::string>{"Notifications unavailable: The user turned notifications off"}));
+    EXPECT_EQ(notifications.added.size(), 2u);
+    Log::setSink(nullptr);
 }

@@ -101,6 +101,10 @@ TEST(EndToEnd, RunsFiresAKeyFromAnotherProcessAndKnowsHowTheLastRunEnded) {
     TempDir root;
     const auto environment = isolatedEnvironment(root.path());
 
+    // A settings file someone broke by hand: moved aside, never deleted, and the defaults used.
+    const auto settingsFile = root / "config/com.orvell.tavrick/defaults.json";
+    writeFile(settingsFile, "showConfirmations = no");
+
     // A malformed diagnostic flag is ignored and the application starts normally.
     {
         ChildProcess app({binary, "--post-key", "12"}, environment);
@@ -118,6 +122,13 @@ TEST(EndToEnd, RunsFiresAKeyFromAnotherProcessAndKnowsHowTheLastRunEnded) {
         app.signal(SIGINT);
         EXPECT_EQ(app.wait(30), 0) << app.output();
     }
+    std::vector<std::filesystem::path> settingsAside;
+    for (const auto& entry : std::filesystem::directory_iterator(settingsFile.parent_path())) {
+        if (entry.path().filename().string().rfind("defaults.json.corrupt-", 0) == 0) settingsAside.push_back(entry.path());
+    }
+    ASSERT_EQ(settingsAside.size(), 1u);
+    EXPECT_EQ(readFile(settingsAside[0]), "showConfirmations = no");
+
     std::string log = readFile(supportDir(root) / "tavrick.log");
     EXPECT_NE(log.find("[shutdown] termination requested\n"), std::string::npos) << log;
     EXPECT_NE(log.find("[shutdown] terminating cleanly\n"), std::string::npos) << log;
