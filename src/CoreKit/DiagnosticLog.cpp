@@ -12,6 +12,7 @@
 #include <limits>
 #include <sys/types.h>
 #include <unistd.h>
+#include <unicode/ustring.h>
 
 namespace tavrick {
 
@@ -63,67 +64,30 @@ std::string composeLine(double now, std::string_view category, std::string_view 
     return line;
 }
 
-// Length of the well-formed UTF-8 sequence starting at `i`, or 0 when there is none.
-std::size_t sequenceLength(std::string_view text, std::size_t i) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    if (lead < 0x80) return 1;
-    std::size_t length = 0;
-    unsigned char low = 0x80;
-    unsigned char high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead == 0xE0) {
-        length = 3;
-        low = 0xA0;
-    } else if ((lead >= 0xE1 && lead <= 0xEC) || lead == 0xEE || lead == 0xEF) {
-        length = 3;
-    } else if (lead == 0xED) {
-        length = 3;
-        high = 0x9F;  // no surrogates
-    } else if (lead == 0xF0) {
-        length = 4;
-        low = 0x90;
-    } else if (lead >= 0xF1 && lead <= 0xF3) {
-        length = 4;
-    } else if (lead == 0xF4) {
-        length = 4;
-        high = 0x8F;  // nothing above U+10FFFF
-    } else {
-        return 0;
-    }
-    if (i + length > text.size()) return 0;
-    const auto second = static_cast<unsigned char>(text[i + 1]);
-    if (second < low || second > high) return 0;
-    for (std::size_t k = 2; k < length; ++k) {
-        if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return 0;
-    }
-    return length;
-}
-
-// The file stays valid UTF-8 without losing the event: a stray byte becomes U+FFFD.
 bool isValidUTF8(std::string_view text) {
-    for (std::size_t i = 0; i < text.size();) {
-        const std::size_t length = sequenceLength(text, i);
-        if (length == 0) return false;
-        i += length;
-    }
-    return true;
+    UErrorCode status = U_ZERO_ERROR;
+    std::int32_t length = 0;
+    u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<std::int32_t>(text.size()), &status);
+    return status != U_INVALID_CHAR_FOUND && status != U_ILLEGAL_ARGUMENT_ERROR;
 }
 
+// The file stays valid UTF-8 without losing the event: each ill-formed sequence becomes U+FFFD.
 std::string repairedUTF8(std::string_view text) {
-    std::string out;
-    out.reserve(text.size() + 8);
-    for (std::size_t i = 0; i < text.size();) {
-        const std::size_t length = sequenceLength(text, i);
-        if (length == 0) {
-            out.append("\xEF\xBF\xBD");
-            ++i;
-        } else {
-            out.append(text.substr(i, length));
-            i += length;
-        }
-    }
-    return out;
+    const auto size = static_cast<std::int32_t>(text.size());
+    UErrorCode status = U_ZERO_ERROR;
+    std::int32_t units = 0;
+    u_strFromUTF8WithSub(nullptr, 0, &units, text.data(), size, 0xFFFD, nullptr, &status);
+    std::u16string wide(static_cast<std::size_t>(units), u'\0');
+    status = U_ZERO_ERROR;
+    u_strFromUTF8WithSub(wide.data(), units, &units, text.data(), size, 0xFFFD, nullptr, &status);
+    if (U_FAILURE(status)) return std::string();
+    std::int32_t bytes = 0;
+    status = U_ZERO_ERROR;
+    u_strToUTF8(nullptr, 0, &bytes, wide.data(), units, &status);
+    std::string out(static_cast<std::size_t>(bytes), '\0');
+    status = U_ZERO_ERROR;
+    u_strToUTF8(out.data(), bytes, &bytes, wide.data(), units, &status);
+    return U_FAILURE(status) ? std::string() : out;
 }
 
 // A missing or unreadable file contributes nothing.

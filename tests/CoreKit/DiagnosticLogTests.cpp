@@ -297,7 +297,7 @@ TEST_F(DiagnosticLogTest, BytesThatAreNotUTF8AreReplacedAndTheLineKept) {
     } cases[] = {
         {"plain ⌘⇧→ text", "plain ⌘⇧→ text"},
         {"a\xff" "b", "a\xEF\xBF\xBD" "b"},
-        {"cut \xE2\x8C", "cut \xEF\xBF\xBD\xEF\xBF\xBD"},  // a three-byte sequence cut short
+        {"cut \xE2\x8C", "cut \xEF\xBF\xBD"},  // a three-byte sequence cut short is one mistake
         {"over\xC0\xAF", "over\xEF\xBF\xBD\xEF\xBF\xBD"},  // an overlong slash
         {"half\xED\xA0\x80", "half\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // a lone surrogate
         {"emoji \xF0\x9F\x98\x80", "emoji \xF0\x9F\x98\x80"},
