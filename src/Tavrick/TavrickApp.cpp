@@ -68,7 +68,13 @@ int TavrickApp::main(int argc, char** argv) {
         return status;
     }
 
-    const auto defaultsFile = Directories::current().preferences() / AppInfo::bundleIdentifier() / "defaults.json";
+    const auto defaultsFile = JSONPreferenceStore::applicationFile();
+    // One copy at a time: a second would share the first one's files and taps.
+    if (SessionBridge::isListening(sessionSocketPath())) {
+        std::cout << "Tavrick is already running (its session listens at " << sessionSocketPath().string() << ").\n";
+        return 1;
+    }
+
     JSONPreferenceStore defaults(defaultsFile, &log);
     // In the foreground the terminal shows what needs attention; the events themselves are in
     // the diagnostic log (tavrick --log).

@@ -119,6 +119,12 @@ TEST(EndToEnd, RunsFiresAKeyFromAnotherProcessAndKnowsHowTheLastRunEnded) {
         EXPECT_TRUE(waitForLog(root, "[hotkey] ⌃⌥← fired 'Left Half'"));
         EXPECT_TRUE(waitForLog(root, "[action] running Left Half"));
 
+        // A second copy stands aside, touching nothing of the first one's.
+        auto second = runProcess({binary}, environment);
+        EXPECT_EQ(second.status, 1);
+        EXPECT_EQ(second.output, "Tavrick is already running (its session listens at " +
+                                     (supportDir(root) / "session.sock").string() + ").\n");
+
         app.signal(SIGINT);
         EXPECT_EQ(app.wait(30), 0) << app.output();
     }

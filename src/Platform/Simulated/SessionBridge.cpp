@@ -165,6 +165,13 @@ void SessionBridge::serve() {
     }
 }
 
+bool SessionBridge::isListening(const std::filesystem::path& socketPath) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return false;
+    close(fd);
+    return true;
+}
+
 std::optional<std::string> SessionBridge::sendKey(const std::filesystem::path& socketPath, std::uint16_t keyCode,
                                                   std::int64_t modifiers) {
     int fd = connectTo(socketPath);

@@ -34,6 +34,9 @@ public:
     static std::optional<std::string> sendKey(const std::filesystem::path& socketPath, std::uint16_t keyCode,
                                               std::int64_t modifiers);
 
+    // Whether a live process listens at `socketPath`: a running copy of Tavrick.
+    static bool isListening(const std::filesystem::path& socketPath);
+
     // Handles one request line, posting into `session`; returns the answer line.
     static std::string handle(SimulatedSession& session, const std::string& request);
 
