@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <limits>
 
 namespace tavrick::CommandLine {
@@ -59,7 +60,11 @@ const std::vector<DiagnosticFlag>& allFlags() {
     return flags;
 }
 
-std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments) {
+std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments, std::vector<std::string>* problems) {
+    auto problem = [problems](std::string sentence) {
+        if (problems) problems->push_back(std::move(sentence));
+    };
+    auto quoted = [](const std::string* text) { return text ? "“" + *text + "”" : std::string("nothing"); };
     for (DiagnosticFlag flag : allFlags()) {
         auto at = std::find(arguments.begin(), arguments.end(), spelling(flag));
         if (at == arguments.end()) continue;
@@ -73,17 +78,23 @@ std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments
         case DiagnosticFlag::postKey: {
             const std::string* key = argument(1);
             const std::string* modifiers = argument(2);
-            if (!key || !modifiers) continue;
-            auto keyCode = parseInteger<std::uint16_t>(*key);
-            auto flags = parseInteger<std::int64_t>(*modifiers);
-            if (!keyCode || !flags) continue;
+            auto keyCode = key ? parseInteger<std::uint16_t>(*key) : std::nullopt;
+            auto flags = modifiers ? parseInteger<std::int64_t>(*modifiers) : std::nullopt;
+            if (!keyCode || !flags) {
+                problem("--post-key needs a key code (0 to 65535) and a modifier value, not " + quoted(key) +
+                        " and " + quoted(modifiers) + "; ignoring it");
+                continue;
+            }
             command.keyCode = *keyCode;
             command.modifiers = *flags;
             break;
         }
         case DiagnosticFlag::renderIcons: {
             const std::string* folder = argument(1);
-            if (!folder || folder->empty()) continue;
+            if (!folder || folder->empty()) {
+                problem("--render-icons needs an output folder; ignoring it");
+                continue;
+            }
             command.folder = *folder;
             break;
         }
@@ -91,7 +102,14 @@ std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments
         case DiagnosticFlag::tapProbe: {
             const double fallback = flag == DiagnosticFlag::tapProbe ? 15.0 : 5.0;
             const std::string* seconds = argument(1);
-            command.seconds = seconds ? parseSeconds(*seconds).value_or(fallback) : fallback;
+            auto parsed = seconds ? parseSeconds(*seconds) : std::nullopt;
+            if (seconds && !parsed) {
+                char text[32];
+                std::snprintf(text, sizeof text, "%g", fallback);
+                problem(std::string(spelling(flag)) + ": " + quoted(seconds) + " is not a number of seconds; using " +
+                        text);
+            }
+            command.seconds = parsed.value_or(fallback);
             break;
         }
         case DiagnosticFlag::fanProbe: {
@@ -100,6 +118,9 @@ std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments
                     command.release = true;
                 } else {
                     command.boostSeconds = parseSeconds(*next);
+                    if (!command.boostSeconds) {
+                        problem("--fan-probe: " + quoted(next) + " is neither seconds nor “release”; probing only");
+                    }
                 }
             }
             break;

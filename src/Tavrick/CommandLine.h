@@ -45,8 +45,10 @@ const std::vector<DiagnosticFlag>& allFlags();
 
 // Looks at every argument, the program's name included, by exact equality. A flag whose
 // required argument is missing or unparsable is ignored, as if it were not there; an optional
-// argument that is missing or unparsable takes its default.
-std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments);
+// argument that is missing or unparsable takes its default. Each such flag adds a sentence to
+// `problems`, for the log.
+std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments,
+                                       std::vector<std::string>* problems = nullptr);
 
 } // namespace CommandLine
 

@@ -57,7 +57,10 @@ int TavrickApp::main(int argc, char** argv) {
     const auto mappingsFile = MappingStore::defaultFileURL();
 
     std::vector<std::string> arguments(argv, argv + argc);
-    if (auto command = CommandLine::parse(arguments)) {
+    std::vector<std::string> problems;
+    auto command = CommandLine::parse(arguments, &problems);
+    for (const auto& problem : problems) Log::core.notice("%s", problem.c_str());
+    if (command) {
         // A diagnostic routine's own lines are its answer; the developer channel says only what
         // went wrong.
         Log::setMinimumLevel(LogLevel::error);

@@ -103,3 +103,30 @@ TEST(CommandLine, FlagsAreListedInTheirOrderWithTheirSpelling) {
                                                  "--vault-selftest", "--touchid-probe", "--tap-probe",
                                                  "--fan-probe"}));
 }
+
+TEST(CommandLine, IgnoredAndDefaultedArgumentsAreExplainedForTheLog) {
+    struct Case {
+        std::vector<std::string> arguments;
+        std::vector<std::string> problems;
+    };
+    const Case cases[] = {
+        {{"tavrick", "--post-key", "12", "9"}, {}},
+        {{"tavrick", "--post-key", "12"},
+         {"--post-key needs a key code (0 to 65535) and a modifier value, not “12” and nothing; ignoring it"}},
+        {{"tavrick", "--post-key", "70000", "x"},
+         {"--post-key needs a key code (0 to 65535) and a modifier value, not “70000” and “x”; ignoring it"}},
+        {{"tavrick", "--render-icons"}, {"--render-icons needs an output folder; ignoring it"}},
+        {{"tavrick", "--probe-selection", "abc"}, {"--probe-selection: “abc” is not a number of seconds; using 5"}},
+        {{"tavrick", "--probe-selection"}, {}},
+        {{"tavrick", "--tap-probe", "-1"}, {"--tap-probe: “-1” is not a number of seconds; using 15"}},
+        {{"tavrick", "--fan-probe", "boost"}, {"--fan-probe: “boost” is neither seconds nor “release”; probing only"}},
+        {{"tavrick", "--fan-probe", "release"}, {}},
+        // Only flags that were looked at are explained: the earlier row ends the search.
+        {{"tavrick", "--log", "--tap-probe", "abc"}, {}},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> problems;
+        CommandLine::parse(c.arguments, &problems);
+        EXPECT_EQ(problems, c.problems) << c.arguments[1];
+    }
+}

@@ -39,7 +39,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
 TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     TempDir root;
     const std::vector<std::vector<std::string>> commands = {
-        {"--diagnose"},       {"--render-icons", "/tmp/x"}, {"--probe-selection", "abc"}, {"--mouse-recorder-selftest"},
+        {"--diagnose"},       {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"}, {"--mouse-recorder-selftest"},
         {"--vault-selftest"}, {"--touchid-probe"},          {"--fan-probe", "release"},
     };
     for (const auto& command : commands) {
@@ -49,6 +49,12 @@ TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
         EXPECT_EQ(result.status, 2) << command[0];
         EXPECT_EQ(result.output, command[0] + " is not available in this build yet.\n");
     }
+    // A malformed optional argument takes its default, and the log says so.
+    auto result = runProcess({binary, "--probe-selection", "abc"}, isolatedEnvironment(root.path()));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output,
+              "tavrick[core] notice: --probe-selection: “abc” is not a number of seconds; using 5\n"
+              "--probe-selection is not available in this build yet.\n");
 }
 
 TEST(EndToEnd, EmptyLogSaysWhereItWouldBe) {
