@@ -33,7 +33,10 @@ std::optional<std::string> readAll(const std::filesystem::path& path, int& error
 
 std::optional<WriteFailure> writeAtomically(const std::filesystem::path& path, std::string_view text,
                                             mode_t newFileMode) {
-    std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
+    // Hidden, beside the target, so the rename stays on one file system.
+    std::string hiddenName = ".";
+    hiddenName.append(path.filename().string()).append(".XXXXXX");
+    std::string temporary = (path.parent_path() / hiddenName).string();
     int fd = ::mkstemp(temporary.data());
     if (fd < 0) return WriteFailure{"create a temporary file for", errno};
     auto fail = [&](const char* step, int error) {
