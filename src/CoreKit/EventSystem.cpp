@@ -38,4 +38,14 @@ Event Event::notice(EventType type) {
     return event;
 }
 
+bool EventSystem::postKeyPress(std::uint16_t keyCode, std::uint64_t flags) {
+    auto down = makeKeyboardEvent(keyCode, true);
+    auto up = makeKeyboardEvent(keyCode, false);
+    if (!down || !up) return false;
+    down->flags = up->flags = flags;
+    post(*down);
+    post(*up);
+    return true;
+}
+
 } // namespace tavrick

@@ -58,15 +58,10 @@ int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifie
         return 0;
     }
     // Nobody is listening: the key goes through this process's own session, which has no taps.
-    auto down = context.session.makeKeyboardEvent(keyCode, true);
-    auto up = context.session.makeKeyboardEvent(keyCode, false);
-    if (!down || !up) {
+    if (!context.session.postKeyPress(keyCode, Modifiers(modifiers).cgFlags())) {
         context.out << "could not synthesise the event\n";
         return 1;
     }
-    down->flags = up->flags = Modifiers(modifiers).cgFlags();
-    context.session.post(*down);
-    context.session.post(*up);
     context.session.drain();
     context.out << "posted " << what << " (" << *failure << ", so it went straight to the frontmost application)\n";
     return 0;
@@ -108,16 +103,11 @@ int runTapSelfTestAndExit(Context& context) {
     out << "tap started; engine.isRunning = " << (engine.isRunning() ? "true" : "false") << "\n";
 
     out << "posting a synthetic ⌥S …\n";
-    auto down = context.session.makeKeyboardEvent(expected.keyCode, true);
-    auto up = context.session.makeKeyboardEvent(expected.keyCode, false);
-    if (!down || !up) {
+    if (!context.session.postKeyPress(expected.keyCode, expected.modifiers.cgFlags())) {
         out << "✗ could not synthesise the event\n";
         engine.stop();
         return 1;
     }
-    down->flags = up->flags = expected.modifiers.cgFlags();
-    context.session.post(*down);
-    context.session.post(*up);
     context.session.drain();
     pump(context.scheduler, 2.0, [&] { return fired.load() > 0; });
     engine.stop();

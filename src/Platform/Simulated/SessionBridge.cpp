@@ -87,14 +87,7 @@ std::string SessionBridge::handle(SimulatedSession& session, const std::string& 
     auto keyCode = parse<std::uint16_t>(key);
     auto raw = parse<std::int64_t>(modifiers);
     if (!keyCode || !raw) return "error expected: key <keyCode 0-65535> <modifiers>\n";
-    auto down = session.makeKeyboardEvent(*keyCode, true);
-    auto up = session.makeKeyboardEvent(*keyCode, false);
-    if (!down || !up) return "error could not synthesise the event\n";
-    const auto flags = Modifiers(*raw).cgFlags();
-    down->flags = flags;
-    up->flags = flags;
-    session.post(*down);
-    session.post(*up);
+    if (!session.postKeyPress(*keyCode, Modifiers(*raw).cgFlags())) return "error could not synthesise the event\n";
     return "ok\n";
 }
 
