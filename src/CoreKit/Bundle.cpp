@@ -1,4 +1,5 @@
 #include "CoreKit/Bundle.h"
+#include "CoreKit/AppInfo.h"
 #include "CoreKit/Directories.h"
 
 #include <mutex>
@@ -44,9 +45,7 @@ void Directories::install(std::shared_ptr<const Directories> directories) {
 }
 
 std::filesystem::path supportDirectory() {
-    auto identifier = Bundle::main().identifier();
-    return Directories::current().applicationSupport() /
-           (identifier && !identifier->empty() ? *identifier : std::string("com.orvell.tavrick"));
+    return Directories::current().applicationSupport() / AppInfo::bundleIdentifier();
 }
 
 } // namespace tavrick

@@ -12,6 +12,14 @@ namespace {
 const char* spelled(PermissionState state) {
     return state == PermissionState::granted ? "granted" : "denied";
 }
+
+// "Tavrick 1.2 (45) macOS <system>, accessibility=granted, inputMonitoring=denied, mappings=10"
+std::string launchLine(const std::string& version, const std::string& build, const std::string& osVersion,
+                       PermissionState accessibility, PermissionState inputMonitoring, std::size_t mappings) {
+    return "Tavrick " + version + " (" + build + ") macOS " + osVersion + ", accessibility=" + spelled(accessibility) +
+           ", inputMonitoring=" + spelled(inputMonitoring) + ", mappings=" + std::to_string(mappings);
+}
+
 } // namespace
 
 std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment) {
@@ -100,13 +108,6 @@ void AppCoordinator::start() {
 
     // 12.
     startEngines();
-}
-
-std::string AppCoordinator::launchLine(const std::string& version, const std::string& build,
-                                       const std::string& osVersion, PermissionState accessibility,
-                                       PermissionState inputMonitoring, std::size_t mappings) {
-    return "Tavrick " + version + " (" + build + ") macOS " + osVersion + ", accessibility=" + spelled(accessibility) +
-           ", inputMonitoring=" + spelled(inputMonitoring) + ", mappings=" + std::to_string(mappings);
 }
 
 void AppCoordinator::announceLaunch() {

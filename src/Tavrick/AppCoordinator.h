@@ -77,10 +77,6 @@ public:
     // identifier takes the earlier one's place.
     void notify(const std::string& title, const std::string& body, const std::optional<std::string>& replacing = std::nullopt);
 
-    // The launch notes, also used by the tests.
-    static std::string launchLine(const std::string& version, const std::string& build, const std::string& osVersion,
-                                  PermissionState accessibility, PermissionState inputMonitoring, std::size_t mappings);
-
 private:
     explicit AppCoordinator(AppEnvironment environment);
     void installClosures();

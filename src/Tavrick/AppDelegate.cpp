@@ -13,12 +13,4 @@ void AppDelegate::applicationWillTerminate() {
     log_.endSession();
 }
 
-bool AppDelegate::applicationShouldTerminateAfterLastWindowClosed() {
-    if (!hasLoggedTerminationPolicy_) {
-        hasLoggedTerminationPolicy_ = true;
-        log_.note("shutdown", "asked whether to terminate after the last window closed — refusing (logged once)");
-    }
-    return false;
-}
-
 } // namespace tavrick

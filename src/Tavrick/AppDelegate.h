@@ -18,12 +18,9 @@ public:
     TerminateReply applicationShouldTerminate();
     // The last word of a clean run: the running marker goes, so the next launch knows.
     void applicationWillTerminate();
-    // Asked when the last window closes; a menu bar program stays. Logged once a run.
-    bool applicationShouldTerminateAfterLastWindowClosed();
 
 private:
     DiagnosticLog& log_;
-    bool hasLoggedTerminationPolicy_ = false;
 };
 
 } // namespace tavrick

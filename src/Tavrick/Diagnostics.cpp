@@ -3,7 +3,6 @@
 #include "CoreKit/KeyCodes.h"
 #include "CoreKit/MappingStore.h"
 #include "HotkeyEngine/HotkeyEngine.h"
-#include "HotkeyEngine/HotkeyTable.h"
 #include "Platform/Simulated/SessionBridge.h"
 
 #include <atomic>
@@ -139,17 +138,18 @@ int runTapSelfTestAndExit(Context& context) {
 int runTapProbeAndExit(Context& context, double listenSeconds) {
     auto& out = context.out;
     MappingStore store(context.mappingsFile, context.log, context.scheduler.clock());
-    const auto mappings = store.mappings().get();
-    HotkeyTable table(mappings);
+    const auto& mappings = store.mappings().get();
+    // Keys are told by the same engine, and table, that the application uses.
+    HotkeyEngine engine(context.session, context.scheduler, context.log);
+    engine.update(mappings);
+    const auto entries = engine.table().count();
     out << mappings.size() << " mapping(s) from disk\n";
-    out << "Hotkey table has " << table.count() << "\n";
-    if (table.isEmpty()) {
+    out << "Hotkey table has " << entries << "\n";
+    if (entries == 0) {
         out << "\n⚠︎  No enabled keyboard shortcuts — nothing could fire.\n";
         return 1;
     }
 
-    HotkeyEngine engine(context.session, context.scheduler, context.log);
-    engine.update(mappings);
     DispatchScheduler* scheduler = &context.scheduler;
     std::ostream* output = &out;
     engine.setOnTrigger([scheduler, output](const Mapping& mapping) {

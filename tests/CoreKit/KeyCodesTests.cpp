@@ -3,6 +3,8 @@
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/Models.h"
 
+#include "Support/USLayout.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -42,16 +44,8 @@ std::map<std::uint16_t, std::string> azerty() {
 
 class KeyCodesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        saved_ = KeyCodes::installedLayoutCache();
-        KeyCodes::installLayoutCache(nullptr);
-    }
-    void TearDown() override { KeyCodes::installLayoutCache(saved_); }
-
+    tavrick::testing::USLayout layout_;
     ManualScheduler scheduler;
-
-private:
-    std::shared_ptr<const KeyboardLayoutCache> saved_;
 };
 
 } // namespace

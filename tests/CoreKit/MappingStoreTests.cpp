@@ -7,6 +7,8 @@
 #include "Support/LogCapture.h"
 #include "Support/TempDir.h"
 
+#include "Support/USLayout.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -59,11 +61,7 @@ const std::string unknownRecord =
 
 class MappingStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        savedLayout_ = KeyCodes::installedLayoutCache();
-        KeyCodes::installLayoutCache(nullptr);
-    }
-    void TearDown() override { KeyCodes::installLayoutCache(savedLayout_); }
+    tavrick::testing::USLayout layout_;
 
     std::unique_ptr<MappingStore> open() {
         return std::make_unique<MappingStore>(file, *diagnostics, scheduler.clock(), bundle);
@@ -92,9 +90,6 @@ protected:
     fs::path file = support / "mappings.json";
     fs::path resources = dir / "bundle";
     LinuxBundle bundle{"/nonexistent/tavrick", {resources}};
-
-private:
-    std::shared_ptr<const KeyboardLayoutCache> savedLayout_;
 };
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "CoreKit/KeyCodes.h"
 #include "CoreKit/Models.h"
 
+#include "Support/USLayout.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -14,15 +16,7 @@ namespace {
 
 // Names of ordinary keys depend on the installed layout; these tests want the US names.
 class ModelsTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        saved_ = KeyCodes::installedLayoutCache();
-        KeyCodes::installLayoutCache(nullptr);
-    }
-    void TearDown() override { KeyCodes::installLayoutCache(saved_); }
-
-private:
-    std::shared_ptr<const KeyboardLayoutCache> saved_;
+    tavrick::testing::USLayout layout_;
 };
 
 UUID fixedID(int n) {
