@@ -24,6 +24,19 @@ nlohmann::json document(std::int64_t schemaVersion, const std::vector<Element>& 
     return object;
 }
 
+// Both document forms differ only in how one element is read: strictly, or keeping what cannot be.
+template <class Document>
+Document decodeDocument(const nlohmann::json& json) {
+    using Element = typename decltype(Document::mappings)::value_type;
+    const auto& object = JSONRead::object(json);
+    Document result;
+    result.schemaVersion = decodeSchemaVersion(object);
+    const auto& list = JSONRead::array(JSONRead::field(object, "mappings"), "mappings");
+    result.mappings.reserve(list.size());
+    for (const auto& element : list) result.mappings.push_back(Element::fromJSON(element));
+    return result;
+}
+
 } // namespace
 
 nlohmann::json MappingDocument::toJSON() const {
@@ -31,13 +44,7 @@ nlohmann::json MappingDocument::toJSON() const {
 }
 
 MappingDocument MappingDocument::fromJSON(const nlohmann::json& json) {
-    const auto& object = JSONRead::object(json);
-    MappingDocument result;
-    result.schemaVersion = decodeSchemaVersion(object);
-    const auto& list = JSONRead::array(JSONRead::field(object, "mappings"), "mappings");
-    result.mappings.reserve(list.size());
-    for (const auto& element : list) result.mappings.push_back(Mapping::fromJSON(element));
-    return result;
+    return decodeDocument<MappingDocument>(json);
 }
 
 nlohmann::json StoredMapping::toJSON() const {
@@ -59,13 +66,7 @@ nlohmann::json StoredMappingDocument::toJSON() const {
 }
 
 StoredMappingDocument StoredMappingDocument::fromJSON(const nlohmann::json& json) {
-    const auto& object = JSONRead::object(json);
-    StoredMappingDocument result;
-    result.schemaVersion = decodeSchemaVersion(object);
-    const auto& list = JSONRead::array(JSONRead::field(object, "mappings"), "mappings");
-    result.mappings.reserve(list.size());
-    for (const auto& element : list) result.mappings.push_back(StoredMapping::fromJSON(element));
-    return result;
+    return decodeDocument<StoredMappingDocument>(json);
 }
 
 namespace MappingFile {
