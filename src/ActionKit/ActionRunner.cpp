@@ -26,10 +26,6 @@ void ActionRunner::run(const ActionSpec& action) {
     log_.note("action", "running " + display);
 
     auto unavailable = [&] {
-        if (onUnavailable) {
-            onUnavailable(action);
-            return;
-        }
         Log::action.notice("'%s' (%s) cannot be carried out by this build yet", display.c_str(),
                            std::string(action.caseName()).c_str());
     };

@@ -26,8 +26,7 @@ public:
 
     // Window commands, keystrokes, launching and opening, revealing files and system commands are
     // carried out by collaborators that this build does not have yet; until they exist the
-    // runner logs what it could not do. Installing a closure here takes the action over.
-    std::function<void(const ActionSpec&)> onUnavailable;
+    // runner logs what it could not do.
 
 private:
     DiagnosticLog& log_;
