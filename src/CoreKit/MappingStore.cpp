@@ -80,16 +80,7 @@ void MappingStore::load() {
     }
 
     std::string failure;
-    std::optional<StoredMappingDocument> document;
-    if (auto text = readWhole(fileURL_, failure)) {
-        try {
-            document = StoredMappingDocument::fromJSON(JSONRead::parse(*text));
-        } catch (const DecodingError& decodingError) {
-            failure = decodingError.what();
-        } catch (const nlohmann::json::exception& jsonError) {
-            failure = jsonError.what();
-        }
-    }
+    auto document = readDocument(fileURL_, failure);
 
     if (!document) {
         std::string moveFailure;
@@ -122,6 +113,35 @@ void MappingStore::load() {
         log_.note("mappings",
                   "kept " + std::to_string(unreadable_.size()) + " this build cannot read; they are saved back unchanged");
     }
+}
+
+std::optional<StoredMappingDocument> MappingStore::readDocument(const std::filesystem::path& fileURL,
+                                                               std::string& failure) {
+    auto text = readWhole(fileURL, failure);
+    if (!text) return std::nullopt;
+    try {
+        return StoredMappingDocument::fromJSON(JSONRead::parse(*text));
+    } catch (const DecodingError& decodingError) {
+        failure = decodingError.what();
+    } catch (const nlohmann::json::exception& jsonError) {
+        failure = jsonError.what();
+    }
+    return std::nullopt;
+}
+
+std::optional<std::vector<Mapping>> MappingStore::readWithoutChanges(const std::filesystem::path& fileURL,
+                                                                     std::string& failure) {
+    if (!pathExists(fileURL)) {
+        failure = "there is no " + quoted(fileURL) + " yet";
+        return std::nullopt;
+    }
+    auto document = readDocument(fileURL, failure);
+    if (!document) return std::nullopt;
+    std::vector<Mapping> known;
+    for (auto& stored : document->mappings) {
+        if (auto* mapping = stored.asKnown()) known.push_back(*mapping);
+    }
+    return known;
 }
 
 std::optional<std::filesystem::path> MappingStore::moveAside(std::string& failure) {

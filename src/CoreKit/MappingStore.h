@@ -68,6 +68,12 @@ public:
     // Tells `onChange` about the current mappings; writes nothing.
     void publishCurrent();
 
+    // Reads a mappings file as it stands, for a look from outside the running program: nothing is
+    // seeded, moved aside or written. The readable mappings in file order, or nothing with the
+    // reason in `failure` (a missing file included).
+    static std::optional<std::vector<Mapping>> readWithoutChanges(const std::filesystem::path& fileURL,
+                                                                  std::string& failure);
+
     // The seed mappings from the bundle's "DefaultMappings.json", read afresh on each call; empty
     // when there is none or it cannot be read as a whole.
     static std::vector<Mapping> bundledDefaults(const Bundle& bundle = Bundle::main());
@@ -77,6 +83,8 @@ public:
     bool persist();
 
 private:
+    // Reads and decodes the file; nothing, with the reason, when it cannot.
+    static std::optional<StoredMappingDocument> readDocument(const std::filesystem::path& fileURL, std::string& failure);
     void load();
     void seed();
     // Moves an unreadable file out of the way; returns the new name, or nothing when it failed

@@ -164,7 +164,9 @@ void AppCoordinator::stopEngines() {
 }
 
 void AppCoordinator::setEnabled(bool enabled) {
-    if (!isEnabled_.set(enabled)) return;
+    // Switching on when already on is how a user restarts an engine that stopped, so both
+    // directions act whether or not the value changed.
+    isEnabled_.set(enabled);
     if (enabled) {
         startEngines();
     } else {

@@ -6,6 +6,7 @@
 #include "Platform/Simulated/SessionBridge.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdio>
 #include <mutex>
 #include <vector>
@@ -14,10 +15,13 @@ namespace tavrick::Diagnostics {
 
 namespace {
 
+// A number of seconds as the number it is: 15.0, 2.5, 0.0.
 std::string seconds(double value) {
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%g", value);
-    return buffer;
+    char buffer[64];
+    auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value);
+    std::string text(buffer, error == std::errc() ? end : buffer);
+    if (text.find_first_of(".en") == std::string::npos) text += ".0";
+    return text;
 }
 
 // Runs the main loop for up to `limit` seconds, a little at a time, until `done` says so.
@@ -137,13 +141,15 @@ int runTapSelfTestAndExit(Context& context) {
 
 int runTapProbeAndExit(Context& context, double listenSeconds) {
     auto& out = context.out;
-    MappingStore store(context.mappingsFile, context.log, context.scheduler.clock());
-    const auto& mappings = store.mappings().get();
+    // A look from outside: the user's file is read as it stands and never seeded, moved or written.
+    std::string failure;
+    const auto mappings = MappingStore::readWithoutChanges(context.mappingsFile, failure).value_or(std::vector<Mapping>{});
     // Keys are told by the same engine, and table, that the application uses.
     HotkeyEngine engine(context.session, context.scheduler, context.log);
     engine.update(mappings);
     const auto entries = engine.table().count();
     out << mappings.size() << " mapping(s) from disk\n";
+    if (!failure.empty()) out << "  (" << failure << ")\n";
     out << "Hotkey table has " << entries << "\n";
     if (entries == 0) {
         out << "\n⚠︎  No enabled keyboard shortcuts — nothing could fire.\n";
@@ -165,7 +171,7 @@ int runTapProbeAndExit(Context& context, double listenSeconds) {
     }
     // Keys reach this simulated session from other processes through the bridge.
     auto bridge = SessionBridge::listen(context.session, context.sessionSocket);
-    out << "\nPress your shortcuts now — listening for " << seconds(listenSeconds) << "s\n";
+    out << "\nPress your shortcuts now — listening for " << seconds(listenSeconds) << "\n";
     if (bridge) {
         out << "  (this session is simulated: from another terminal, tavrick --post-key <keyCode> <modifiers>)\n";
     }

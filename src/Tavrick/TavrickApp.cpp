@@ -1,6 +1,7 @@
 #include "Tavrick/TavrickApp.h"
 
 #include "CoreKit/AppInfo.h"
+#include "CoreKit/Appearance.h"
 #include "CoreKit/Bundle.h"
 #include "CoreKit/Directories.h"
 #include "CoreKit/DispatchScheduler.h"
@@ -13,6 +14,7 @@
 #include "Platform/Linux/LinuxDirectories.h"
 #include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
+#include "Platform/Linux/TerminalAppearance.h"
 #include "Platform/Linux/TerminalNotifications.h"
 #include "Platform/Linux/TerminalToast.h"
 #include "Platform/Linux/TerminationSignals.h"
@@ -36,6 +38,17 @@ std::filesystem::path sessionSocketPath() {
     return supportDirectory() / "session.sock";
 }
 } // namespace
+
+std::shared_ptr<AppCoordinator> TavrickApp::construct(AppEnvironment environment) {
+    Scheduler& scheduler = environment.scheduler;
+    auto coordinator = AppCoordinator::make(std::move(environment));
+    AppearanceController::apply(coordinator->settings().appearance.get());
+    std::weak_ptr<AppCoordinator> weak = coordinator;
+    scheduler.after(deferredStartSeconds, [weak] {
+        if (auto c = weak.lock()) c->start();
+    });
+    return coordinator;
+}
 
 int TavrickApp::main(int argc, char** argv) {
     // The platform's termination request arrives on the main queue. Installed before any other
@@ -114,16 +127,12 @@ int TavrickApp::main(int argc, char** argv) {
               << "  settings : " << defaultsFile.string() << "\n"
               << std::flush;
 
-    auto coordinator = AppCoordinator::make(environment);
+    AppearanceController::setApplier(std::make_shared<TerminalAppearance>(log));
+    auto coordinator = construct(environment);
     auto bridge = SessionBridge::listen(session, sessionSocketPath());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
     }
-
-    std::weak_ptr<AppCoordinator> weak = coordinator;
-    scheduler.after(deferredStartSeconds, [weak] {
-        if (auto c = weak.lock()) c->start();
-    });
 
     while (!terminationRequested) {
         scheduler.runMain();

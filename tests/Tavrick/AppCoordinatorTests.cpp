@@ -8,6 +8,9 @@
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
+#include "Tavrick/TavrickApp.h"
+#include "Support/LogCapture.h"
+#include "CoreKit/Appearance.h"
 
 #include <gtest/gtest.h>
 
@@ -47,12 +50,15 @@ protected:
     }
     void TearDown() override {
         coordinator.reset();
+        // A failed assertion must not leave the sink pointing into a finished test.
+        Log::setSink(nullptr);
+        AppearanceController::setApplier(nullptr);
         Toast::shared().setPresenter(nullptr);
         Toast::shared().setIsEnabled(nullptr);
     }
 
-    std::shared_ptr<AppCoordinator> make() {
-        coordinator = AppCoordinator::make(AppEnvironment{
+    AppEnvironment environment() {
+        return AppEnvironment{
             .scheduler = scheduler,
             .log = *log,
             .events = session,
@@ -70,7 +76,11 @@ protected:
             .version = "1.2.3",
             .build = "45",
             .operatingSystemVersion = "Debian 12",
-        });
+        };
+    }
+
+    std::shared_ptr<AppCoordinator> make() {
+        coordinator = AppCoordinator::make(environment());
         return coordinator;
     }
 
@@ -335,5 +345,51 @@ TEST_F(CoordinatorTest, NotificationsNeedConsentAndReplaceByIdentifier) {
     coordinator->notify("Refused", "with a reason");
     EXPECT_EQ(logged, (std::vector<std::string>{"Notifications unavailable: The user turned notifications off"}));
     EXPECT_EQ(notifications.added.size(), 2u);
-    Log::setSink(nullptr);
+}
+
+struct RecordingApplier : AppearanceController::Applier {
+    std::vector<AppAppearance> applied;
+    void apply(AppAppearance appearance) override { applied.push_back(appearance); }
+};
+
+TEST_F(CoordinatorTest, ConstructionAppliesTheAppearanceAndStartsThreeSecondsLater) {
+    auto applier = std::make_shared<RecordingApplier>();
+    AppearanceController::setApplier(applier);
+    defaults.set("appearance", std::string("dark"));
+    coordinator = TavrickApp::construct(environment());
+    EXPECT_EQ(applier->applied, (std::vector<AppAppearance>{AppAppearance::dark}));
+
+    scheduler.advance(2.999);
+    EXPECT_FALSE(coordinator->hasStarted());
+    EXPECT_TRUE(session.taps().empty());
+    scheduler.advance(0.001);
+    EXPECT_TRUE(coordinator->hasStarted());
+    EXPECT_EQ(session.taps().size(), 1u);
+}
+
+TEST_F(CoordinatorTest, SwitchingOnWhenAlreadyOnRestartsAStoppedEngine) {
+    make()->start();
+    coordinator->hotkeys().stop();
+    ASSERT_TRUE(coordinator->isEnabled().get());
+    coordinator->setEnabled(true);
+    EXPECT_TRUE(coordinator->hotkeys().isRunning());
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_TRUE(noted("[action] running Left Half"));
+}
+
+TEST_F(CoordinatorTest, APermissionChangeSeenWhileTheEnginesStartDoesNotStartThemAgain) {
+    accessibility = PermissionState::denied;
+    session.setTapCreationAllowed(false);
+    make()->start();
+    ASSERT_TRUE(coordinator->engineError().get().has_value());
+
+    // The grant lands between two refreshes: the one inside the start sees it change.
+    LogCapture captured;
+    accessibility = PermissionState::granted;
+    session.setTapCreationAllowed(true);
+    coordinator->setEnabled(true);
+    EXPECT_FALSE(captured.contains("core", "Permission granted — restarting engines"));
+    EXPECT_TRUE(coordinator->hotkeys().isRunning());
+    EXPECT_EQ(session.taps().size(), 1u);
+    EXPECT_FALSE(coordinator->permissions().isPolling());
 }

@@ -78,29 +78,58 @@ TEST(EndToEnd, TapSelfTestFiresTheMappingEndToEnd) {
     EXPECT_EQ(result.output.substr(result.output.size() - verdict.size()), verdict);
 }
 
-TEST(EndToEnd, CorruptMappingsAreMovedAsideAndExamplesSeeded) {
-    TempDir root;
-    const std::string garbage = "{\"mappings\": [ this is not JSON";
-    writeFile(supportDir(root) / "mappings.json", garbage);
+TEST(EndToEnd, TheTapProbeReadsTheMappingsAndNeverChangesThem) {
+    const auto mappings = [](const TempDir& root) { return supportDir(root) / "mappings.json"; };
+    const auto asides = [&](const TempDir& root) {
+        std::size_t count = 0;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(supportDir(root), error)) {
+            count += entry.path().filename().string().rfind("mappings.json.corrupt-", 0) == 0;
+        }
+        return count;
+    };
+    const std::string noShortcuts = "Hotkey table has 0\n\n⚠︎  No enabled keyboard shortcuts — nothing could fire.\n";
 
-    // The probe reads the mappings the way the application does, and listens for no time at all.
-    auto result = runProcess({binary, "--tap-probe", "0"}, isolatedEnvironment(root.path()));
-    EXPECT_EQ(result.status, 0) << result.output;
-
-    std::vector<std::filesystem::path> asides;
-    for (const auto& entry : std::filesystem::directory_iterator(supportDir(root))) {
-        if (entry.path().filename().string().rfind("mappings.json.corrupt-", 0) == 0) asides.push_back(entry.path());
+    {  // A fresh home: nothing is seeded.
+        TempDir root;
+        auto result = runProcess({binary, "--tap-probe", "1"}, isolatedEnvironment(root.path()), 10);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.output, "0 mapping(s) from disk\n  (there is no “mappings.json” yet)\n" + noShortcuts);
+        EXPECT_FALSE(std::filesystem::exists(mappings(root)));
     }
-    ASSERT_EQ(asides.size(), 1u) << result.output;
-    EXPECT_EQ(readFile(asides[0]), garbage);
-    EXPECT_NE(result.output.find("moved aside to " + asides[0].filename().string()), std::string::npos)
-        << result.output;
-
-    auto fresh = nlohmann::json::parse(readFile(supportDir(root) / "mappings.json"));
-    auto seed = nlohmann::json::parse(readFile(std::filesystem::path(TAVRICK_SOURCE_DIR) / "resources/DefaultMappings.json"));
-    EXPECT_EQ(fresh["schemaVersion"], 1);
-    EXPECT_EQ(fresh["mappings"], seed["mappings"]);
-    EXPECT_NE(result.output.find(std::to_string(seed["mappings"].size()) + " mapping(s) from disk"), std::string::npos);
+    {  // A damaged file stays exactly as it was, where it was.
+        TempDir root;
+        const std::string garbage = "{\"mappings\": [ this is not JSON";
+        writeFile(mappings(root), garbage);
+        auto result = runProcess({binary, "--tap-probe", "1"}, isolatedEnvironment(root.path()), 10);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.output.rfind("0 mapping(s) from disk\n  (", 0), 0u) << result.output;
+        EXPECT_NE(result.output.find(noShortcuts), std::string::npos) << result.output;
+        EXPECT_EQ(readFile(mappings(root)), garbage);
+        EXPECT_EQ(asides(root), 0u);
+    }
+    {  // A good file is read, not rewritten, and "0" listens for no time at all (the default would be 15).
+        TempDir root;
+        const auto seed = readFile(std::filesystem::path(TAVRICK_SOURCE_DIR) / "resources/DefaultMappings.json");
+        const std::string compact = nlohmann::json::parse(seed).dump();
+        writeFile(mappings(root), compact);
+        auto result = runProcess({binary, "--tap-probe", "0"}, isolatedEnvironment(root.path()), 10);
+        EXPECT_EQ(result.status, 0) << result.output;
+        const auto count = nlohmann::json::parse(seed)["mappings"].size();
+        EXPECT_EQ(result.output.rfind(std::to_string(count) + " mapping(s) from disk\nHotkey table has ", 0), 0u)
+            << result.output;
+        EXPECT_NE(result.output.find("\nPress your shortcuts now — listening for 0.0\n"), std::string::npos)
+            << result.output;
+        EXPECT_EQ(readFile(mappings(root)), compact);
+    }
+    {  // A fraction is printed as the number it is.
+        TempDir root;
+        auto result = runProcess({binary, "--tap-probe", "0.25"}, isolatedEnvironment(root.path()), 10);
+        EXPECT_EQ(result.output.find("listening for"), std::string::npos);  // nothing to listen for
+        writeFile(mappings(root), readFile(std::filesystem::path(TAVRICK_SOURCE_DIR) / "resources/DefaultMappings.json"));
+        result = runProcess({binary, "--tap-probe", "0.25"}, isolatedEnvironment(root.path()), 10);
+        EXPECT_NE(result.output.find("listening for 0.25\n"), std::string::npos) << result.output;
+    }
 }
 
 TEST(EndToEnd, RunsFiresAKeyFromAnotherProcessAndKnowsHowTheLastRunEnded) {
