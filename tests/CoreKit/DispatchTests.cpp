@@ -1,8 +1,12 @@
 #include "CoreKit/DispatchScheduler.h"
 #include "CoreKit/ManualScheduler.h"
+#include "CoreKit/RunLoop.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 using namespace tavrick;
@@ -65,22 +69,59 @@ TEST(DispatchScheduler, SerialQueueKeepsOrderAndSyncWaitsForEarlierBlocks) {
     EXPECT_FALSE(queue->isCurrent());
 }
 
-TEST(DispatchScheduler, MainLoopRunsPostedBlocksAndTimersUntilStopped) {
+TEST(DispatchScheduler, MainLoopRunsPoolPostsAndTimersUntilStopped) {
     DispatchScheduler scheduler;
-    std::vector<std::string> order;
-    std::atomic<bool> globalRan{false};
-    scheduler.global(QoS::userInitiated, [&] {
-        globalRan = true;
-        scheduler.async([&] { order.push_back("from pool"); });
-    });
-    auto cancelled = scheduler.after(0.01, [&] { order.push_back("cancelled"); });
+    std::vector<std::string> seen;
+    // The loop stops once both the pool's post and the timer have arrived, in whichever order.
+    auto arrived = [&](const char* what) {
+        seen.push_back(what);
+        if (seen.size() == 2) scheduler.stopMain();
+    };
+    scheduler.global(QoS::userInitiated, [&] { scheduler.async([&] { arrived("from pool"); }); });
+    auto cancelled = scheduler.after(0.01, [&] { seen.push_back("cancelled"); });
     cancelled.cancel();
-    scheduler.after(0.05, [&] {
-        order.push_back("timer");
-        scheduler.stopMain();
-    });
+    scheduler.after(0.02, [&] { arrived("timer"); });
     EXPECT_TRUE(scheduler.isMainThread());
     scheduler.runMain();
-    EXPECT_TRUE(globalRan);
-    EXPECT_EQ(order, (std::vector<std::string>{"from pool", "timer"}));
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, (std::vector<std::string>{"from pool", "timer"}));
+}
+
+TEST(RunLoop, AStopEndsOneRunAndTheLoopRunsAgain) {
+    RunLoop loop;
+    loop.stop();
+    EXPECT_FALSE(loop.runFor(60)) << "a stop before the run ends it at once";
+    EXPECT_TRUE(loop.runFor(0)) << "the stop was used up";
+
+    int ran = 0;
+    loop.perform([&] {
+        ++ran;
+        EXPECT_TRUE(loop.isCurrent());
+        loop.stop();
+    });
+    EXPECT_FALSE(loop.runFor(60));
+    loop.perform([&] { ++ran; });
+    EXPECT_TRUE(loop.runFor(0)) << "runs what is waiting, then the time is up";
+    EXPECT_EQ(ran, 2);
+    EXPECT_FALSE(loop.isCurrent());
+}
+
+TEST(RunLoop, ARepeatingTimerIsReArmedFromWhenItRanNotFromWhenItWasDue) {
+    // A first run slower than several intervals must not be followed by a burst of catch-up runs.
+    constexpr double interval = 0.02;
+    RunLoop loop;
+    std::vector<double> started, ended;
+    auto now = [] { return SystemClock::shared().monotonic(); };
+    auto timer = loop.schedule(0, interval, [&] {
+        started.push_back(now());
+        if (started.size() == 1) std::this_thread::sleep_for(std::chrono::duration<double>(5 * interval));
+        ended.push_back(now());
+        if (started.size() == 3) loop.stop();
+    });
+    loop.run();
+    ASSERT_EQ(started.size(), 3u);
+    EXPECT_GE(started[2] - ended[0], interval - 1e-9);
+    timer.cancel();
+    EXPECT_TRUE(loop.runFor(3 * interval));
+    EXPECT_EQ(started.size(), 3u) << "a cancelled timer does not fire";
 }

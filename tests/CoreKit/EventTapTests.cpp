@@ -197,22 +197,17 @@ TEST(EventTap, WatchdogReEnablesATapDisabledWithoutANotice) {
     ASSERT_TRUE(session.drain());
     auto handle = session.taps().at(0).handle;
 
+    // No notice reaches the tap, so only its watchdog can bring it back; wait for that to happen.
     session.disableTap(handle, SimulatedSession::TapNotice::none);
-    EXPECT_FALSE(session.isEnabled(handle));
-    // While disabled, keys go by untouched and unseen.
-    session.post(Event::keyboard(5, true));
-    ASSERT_TRUE(session.drain());
-    EXPECT_EQ(handled.load(), 1);
-
-    EXPECT_TRUE(eventually([&] { return session.isEnabled(handle); }));
-    EXPECT_TRUE(eventually([&] { return log.contains("core", "Event tap 'watchdog' found disabled; re-enabling"); }));
+    ASSERT_TRUE(eventually([&] { return log.contains("core", "Event tap 'watchdog' found disabled; re-enabling"); }));
+    ASSERT_TRUE(eventually([&] { return session.isEnabled(handle); }));
     EXPECT_TRUE(log.contains("core", "Watchdog: tap 'watchdog' enabled=false events=1"));
-    EXPECT_TRUE(eventually([&] { return log.contains("core", "Watchdog: tap 'watchdog' enabled=true events=1"); }));
     EXPECT_FALSE(log.contains("core", "Event tap 'watchdog' disabled by timeout; re-enabling"));
 
     session.post(Event::keyboard(6, true));
     ASSERT_TRUE(session.drain());
     EXPECT_EQ(handled.load(), 2);
+    EXPECT_EQ(tap.eventCount(), 2);
 }
 
 TEST(EventTap, SlowHandlerIsDisabledByTheSessionAndComesBack) {

@@ -6,18 +6,18 @@
 #include "Platform/Linux/LinuxBundle.h"
 #include "Support/LogCapture.h"
 #include "Support/TempDir.h"
+#include "Support/Unprivileged.h"
 
 #include "Support/USLayout.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/stat.h>
-#include <unistd.h>
 
 using namespace tavrick;
 using tavrick::testing::LogCapture;
 using tavrick::testing::readFile;
+using tavrick::testing::runUnprivileged;
 using tavrick::testing::TempDir;
 using tavrick::testing::writeFile;
 using nlohmann::json;
@@ -74,7 +74,6 @@ protected:
     }
     json onDisk() const { return json::parse(readFile(file)); }
     std::vector<std::string> coreLog() const { return logs.messages("core"); }
-    static bool isRoot() { return ::geteuid() == 0; }
     std::vector<fs::path> filesIn(const fs::path& directory) const {
         std::vector<fs::path> out;
         for (const auto& entry : fs::directory_iterator(directory)) out.push_back(entry.path().filename());
@@ -233,16 +232,43 @@ TEST_F(MappingStoreTest, APathThatCannotBeReadIsMovedAsideToo) {
 }
 
 TEST_F(MappingStoreTest, AnUnreadableFileIsMovedAside) {
-    if (isRoot()) GTEST_SKIP() << "permissions do not stop root from reading";
     installSeed();
     writeFile(file, R"({"schemaVersion":1,"mappings":[]})");
     fs::permissions(file, fs::perms::none);
-    LogCapture capture;
-    auto store = open();
-    EXPECT_EQ(capture.messages("core").at(0),
-              std::string("Could not read mappings (could not open “mappings.json”: Permission denied); moved aside to ") +
-                  corruptName);
-    EXPECT_EQ(store->mappings().get().size(), 2u);
+    int status = runUnprivileged(dir.path(), [&] {
+        LogCapture capture;
+        auto store = open();
+        if (capture.messages("core").at(0) !=
+            std::string("Could not read mappings (could not read “mappings.json”: Permission denied); moved aside to ") +
+                corruptName) {
+            return 1;
+        }
+        return store->mappings().get().size() == 2 ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(support / corruptName), R"({"schemaVersion":1,"mappings":[]})");
+    EXPECT_EQ(onDisk()["mappings"].size(), 2u);
+}
+
+TEST_F(MappingStoreTest, AFileInAFolderThatCannotBeSearchedIsNeitherSeededOverNorMovedAside) {
+    installSeed();
+    writeDocument({hotkeyMapping(1).toJSON().dump()});
+    const auto before = readFile(file);
+    fs::permissions(support, fs::perms::owner_read | fs::perms::owner_write);
+    int status = runUnprivileged(dir.path(), [&] {
+        LogCapture capture;
+        auto store = open();
+        auto lines = capture.messages("core");
+        if (lines.empty() || lines[0].rfind("Could not read mappings (could not read “mappings.json”: Permission denied)", 0) != 0) {
+            return 1;
+        }
+        return std::none_of(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.rfind("Seeded", 0) == 0;
+        }) ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(file), before);
+    EXPECT_EQ(filesIn(support), (std::vector<fs::path>{"mappings.json"}));
 }
 
 TEST_F(MappingStoreTest, TwoBadFilesInOneSecondKeepBothCopies) {
@@ -264,20 +290,21 @@ TEST_F(MappingStoreTest, TwoBadFilesInOneSecondKeepBothCopies) {
 }
 
 TEST_F(MappingStoreTest, WhenTheMoveFailsTheOldFileStillSurvivesAnUnwritableFolder) {
-    if (isRoot()) GTEST_SKIP() << "permissions do not stop root from renaming";
     installSeed();
     writeFile(file, "garbage");
     fs::permissions(support, fs::perms::owner_read | fs::perms::owner_exec);
-    LogCapture capture;
-    auto store = open();
-    auto lines = capture.messages("core");
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].rfind("Could not read mappings (", 0), 0u);
-    EXPECT_NE(lines[0].find("could not move it aside either (Permission denied)"), std::string::npos) << lines[0];
-    EXPECT_EQ(lines[1].rfind("Could not save mappings: ", 0), 0u) << lines[1];
-    EXPECT_EQ(store->mappings().get().size(), 2u) << "seeding goes on";
-    fs::permissions(support, fs::perms::owner_all);
+    int status = runUnprivileged(dir.path(), [&] {
+        LogCapture capture;
+        auto store = open();
+        auto lines = capture.messages("core");
+        if (lines.size() != 2 || lines[0].rfind("Could not read mappings (", 0) != 0) return 1;
+        if (lines[0].find("could not move it aside either (Permission denied)") == std::string::npos) return 2;
+        if (lines[1].rfind("Could not save mappings: ", 0) != 0) return 3;
+        return store->mappings().get().size() == 2 ? 0 : 4;  // seeding goes on in memory
+    });
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(readFile(file), "garbage");
+    EXPECT_EQ(filesIn(support), (std::vector<fs::path>{"mappings.json"}));
 }
 
 TEST_F(MappingStoreTest, UnknownRecordsAreKeptAndWrittenBackAfterTheReadableOnes) {
@@ -419,16 +446,20 @@ TEST_F(MappingStoreTest, AFolderThatCannotBeMadeFailsTheSave) {
 }
 
 TEST_F(MappingStoreTest, AnUnwritableFolderKeepsTheLastGoodFile) {
-    if (isRoot()) GTEST_SKIP() << "permissions do not stop root from writing";
     installSeed();
-    auto store = open();
-    auto good = readFile(file);
-    fs::permissions(support, fs::perms::owner_read | fs::perms::owner_exec);
-    store->add(hotkeyMapping(1));
-    fs::permissions(support, fs::perms::owner_all);
-    EXPECT_EQ(readFile(file), good);
-    EXPECT_EQ(store->mappings().get().size(), 3u);
-    EXPECT_NE(diagnostics->contents().find("[mappings] could not save: could not create a temporary file for “mappings.json”"), std::string::npos);
+    int status = runUnprivileged(dir.path(), [&] {
+        auto store = open();
+        fs::permissions(support, fs::perms::owner_read | fs::perms::owner_exec);
+        store->add(hotkeyMapping(1));
+        if (store->mappings().get().size() != 3) return 1;
+        return diagnostics->contents().find(
+                   "[mappings] could not save: could not create a temporary file for “mappings.json”") ==
+                       std::string::npos
+                   ? 2
+                   : 0;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(names(MappingDocument::fromJSON(onDisk()).mappings), (std::vector<std::string>{"seed one", "seed two"}));
 }
 
 TEST_F(MappingStoreTest, ReplacingKeepsTheFilesPermissions) {

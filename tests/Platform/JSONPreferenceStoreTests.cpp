@@ -5,6 +5,7 @@
 #include "CoreKit/Log.h"
 #include "CoreKit/ManualScheduler.h"
 #include "Support/TempDir.h"
+#include "Support/Unprivileged.h"
 
 #include <gtest/gtest.h>
 
@@ -23,6 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using tavrick::testing::readFile;
+using tavrick::testing::runUnprivileged;
 using tavrick::testing::TempDir;
 using tavrick::testing::writeFile;
 using Array = PreferenceValue::Array;
@@ -285,18 +287,19 @@ TEST_F(JSONPreferenceStoreTest, AnUnwritableFolderFailsTheWriteButKeepsTheValue)
 }
 
 TEST_F(JSONPreferenceStoreTest, AFolderWithoutWritePermissionFailsTheWrite) {
-    if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind a privileged user";
-    JSONPreferenceStore store(file());
-    ASSERT_TRUE(store.set("a", 1));
-    fs::permissions(file().parent_path(), fs::perms::owner_read | fs::perms::owner_exec);
-    LogCapture capture;
-    EXPECT_FALSE(store.set("b", 2));
-    EXPECT_TRUE(capture.has(LogLevel::error, "Could not save the settings"));
-    EXPECT_EQ(store.integer("b"), 2);
-    fs::permissions(file().parent_path(), fs::perms::owner_all);
-    EXPECT_EQ(JSONPreferenceStore(file()).allKeys(), std::vector<std::string>{"a"});
-    // The next successful write carries the value that could not be saved before.
-    EXPECT_TRUE(store.set("c", 3));
+    int status = runUnprivileged(directory.path(), [&] {
+        JSONPreferenceStore store(file());
+        if (!store.set("a", 1)) return 1;
+        fs::permissions(file().parent_path(), fs::perms::owner_read | fs::perms::owner_exec);
+        LogCapture capture;
+        if (store.set("b", 2) || !capture.has(LogLevel::error, "Could not save the settings")) return 2;
+        if (store.integer("b") != 2) return 3;
+        fs::permissions(file().parent_path(), fs::perms::owner_all);
+        if (JSONPreferenceStore(file()).allKeys() != std::vector<std::string>{"a"}) return 4;
+        // The next successful write carries the value that could not be saved before.
+        return store.set("c", 3) ? 0 : 5;
+    });
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(JSONPreferenceStore(file()).allKeys(), (std::vector<std::string>{"a", "b", "c"}));
 }
 
