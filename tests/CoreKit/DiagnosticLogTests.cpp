@@ -254,28 +254,25 @@ TEST_F(DiagnosticLogTest, TheMarkerTellsWhetherThePreviousRunEndedCleanly) {
     EXPECT_TRUE(makeLog(directory)->beginSession());
 }
 
-TEST_F(DiagnosticLogTest, AnUnusableDirectoryLosesLinesAndNothingElse) {
+TEST_F(DiagnosticLogTest, AnUnusableDirectoryOrFileLosesLinesAndNothingElse) {
     // A regular file where the directory should be: nothing below it can be created, even as root.
     writeFile(temp / "blocker", "not a directory");
-    const fs::path blocked = temp / "blocker" / "support";
-    auto stuck = makeLog(blocked);
-
+    auto stuck = makeLog(temp / "blocker" / "support");
     stuck->note("launch", "lost");
-    EXPECT_NO_THROW(stuck->flush());
+    stuck->flush();
     EXPECT_EQ(stuck->contents(), "");
     EXPECT_EQ(stuck->sizeInBytes(), 0u);
-    EXPECT_NO_THROW(stuck->beginSession());
-    EXPECT_NO_THROW(stuck->endSession());
-    EXPECT_NO_THROW(stuck->clear());
+    EXPECT_TRUE(stuck->beginSession()) << "with no marker to find, the last run counts as clean";
+    stuck->endSession();
+    stuck->clear();
     EXPECT_EQ(readFile(temp / "blocker"), "not a directory");
 
     // Each line tries again, so the log comes back by itself once the way is clear.
     fs::remove(temp / "blocker");
     stuck->note("launch", "kept");
     EXPECT_EQ(stuck->contents(), std::string(knownStamp) + " [launch] kept\n");
-}
 
-TEST_F(DiagnosticLogTest, ALogFileThatIsADirectoryDropsLinesWithoutHarm) {
+    // A folder where the log file should be is left alone.
     fs::create_directories(log->fileURL() / "inside");
     log->note("launch", "lost");
     EXPECT_EQ(log->contents(), "");
@@ -286,7 +283,7 @@ TEST_F(DiagnosticLogTest, NotesStillQueuedWhenTheLogGoesAwayAreDropped) {
     log->note("launch", "late");
     const auto file = log->fileURL();
     log.reset();
-    EXPECT_NO_THROW(scheduler.runUntilIdle());
+    EXPECT_EQ(scheduler.runUntilIdle(), 1) << "the queued write ran and found no log";
     EXPECT_FALSE(fs::exists(file));
 }
 

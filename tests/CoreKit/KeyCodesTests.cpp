@@ -50,21 +50,8 @@ protected:
 
 } // namespace
 
-TEST_F(KeyCodesTest, ConstantsAndTableSizes) {
-    EXPECT_EQ(KeyCodes::escape, 53);
-    EXPECT_EQ(KeyCodes::tab, 48);
-    EXPECT_EQ(KeyCodes::space, 49);
-    EXPECT_EQ(KeyCodes::deleteKey, 51);
-    EXPECT_EQ(KeyCodes::forwardDelete, 117);
-    EXPECT_EQ(KeyCodes::returnKey, 36);
-    EXPECT_EQ(KeyCodes::keypadEnter, 76);
-    EXPECT_EQ(KeyCodes::leftArrow, 123);
-    EXPECT_EQ(KeyCodes::rightArrow, 124);
-    EXPECT_EQ(KeyCodes::downArrow, 125);
-    EXPECT_EQ(KeyCodes::upArrow, 126);
-    EXPECT_EQ(KeyCodes::specialNames().size(), 36u);
-    EXPECT_EQ(KeyCodes::ansiNames().size(), 47u);
-    // No key is in both tables: a special name always wins, so an overlap would be dead data.
+TEST_F(KeyCodesTest, NoKeyIsInBothNameTables) {
+    // A special name always wins, so an overlap would be dead data.
     for (const auto& [code, name] : KeyCodes::ansiNames()) EXPECT_EQ(KeyCodes::specialNames().count(code), 0u) << code;
 }
 
@@ -74,14 +61,9 @@ TEST_F(KeyCodesTest, NamesWithoutALayout) {
         std::string name;
     };
     const Case cases[] = {
-        {36, "↩"},  {48, "⇥"},   {49, "Space"}, {51, "⌫"},   {53, "⎋"},   {71, "⌧"},  {76, "⌤"},   {117, "⌦"},
-        {115, "↖"}, {119, "↘"},  {116, "⇞"},    {121, "⇟"},  {123, "←"},  {124, "→"}, {125, "↓"},  {126, "↑"},
-        {122, "F1"}, {120, "F2"}, {99, "F3"},   {118, "F4"}, {96, "F5"},  {97, "F6"}, {98, "F7"},  {100, "F8"},
-        {101, "F9"}, {109, "F10"}, {103, "F11"}, {111, "F12"}, {105, "F13"}, {107, "F14"}, {113, "F15"},
-        {106, "F16"}, {64, "F17"}, {79, "F18"}, {80, "F19"}, {90, "F20"},
-        {0, "A"},   {1, "S"},    {8, "C"},      {11, "B"},   {22, "6"},   {23, "5"},  {24, "="},   {27, "-"},
-        {30, "]"},  {33, "["},   {39, "'"},     {41, ";"},   {42, "\\"},  {43, ","},  {44, "/"},   {47, "."},
-        {50, "`"},  {10, "Key 10"}, {52, "Key 52"}, {127, "Key 127"}, {200, "Key 200"}, {65535, "Key 65535"},
+        {36, "↩"},  {49, "Space"}, {53, "⎋"},   {117, "⌦"},  {115, "↖"},  {123, "←"},  {126, "↑"},
+        {122, "F1"}, {111, "F12"}, {90, "F20"}, {0, "A"},    {22, "6"},   {24, "="},  {42, "\\"},  {50, "`"},
+        {10, "Key 10"}, {52, "Key 52"}, {127, "Key 127"}, {65535, "Key 65535"},
     };
     for (const auto& c : cases) EXPECT_EQ(KeyCodes::name(c.code), c.name) << c.code;
 }

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-
 using namespace tavrick;
 
 namespace {
 constexpr std::uint16_t keyA = 0, keyQ = 12, tab = 48, space = 49, f5 = 96, f20 = 90, home = 115, pageDown = 121,
-                        escape = 53;
+                        escape = 53,
+                        leftArrow = 123, forwardDelete = 117;
 const Modifiers none;
 const Modifiers command = Modifiers::command;
 } // namespace
@@ -25,6 +24,8 @@ TEST(HotkeyValidation, DecidesInTheDocumentedOrder) {
         {"F20 alone", {f20, none}, HotkeyPurpose::trigger, HotkeyValidation::valid},
         {"Home alone", {home, none}, HotkeyPurpose::trigger, HotkeyValidation::valid},
         {"Page Down alone", {pageDown, none}, HotkeyPurpose::trigger, HotkeyValidation::valid},
+        {"← alone", {leftArrow, none}, HotkeyPurpose::trigger, HotkeyValidation::needsModifier},
+        {"forward delete alone", {forwardDelete, none}, HotkeyPurpose::trigger, HotkeyValidation::needsModifier},
         {"F5 with ⌘ stays valid", {f5, command}, HotkeyPurpose::trigger, HotkeyValidation::valid},
         {"A alone", {keyA, none}, HotkeyPurpose::trigger, HotkeyValidation::needsModifier},
         {"⇧A", {keyA, Modifiers::shift}, HotkeyPurpose::trigger, HotkeyValidation::needsModifier},
@@ -43,18 +44,4 @@ TEST(HotkeyValidation, DecidesInTheDocumentedOrder) {
         {"A as a keystroke", {keyA, none}, HotkeyPurpose::keystroke, HotkeyValidation::valid},
     };
     for (auto& c : cases) EXPECT_EQ(HotkeyRules::validate(c.spec, c.purpose), c.expected) << c.what;
-}
-
-TEST(HotkeyValidation, MessagesAreTheUserFacingTexts) {
-    EXPECT_EQ(message(HotkeyValidation::valid), std::nullopt);
-    EXPECT_EQ(message(HotkeyValidation::needsModifier),
-              "Add ⌘, ⌥ or ⌃. A shortcut without one would capture ordinary typing.");
-    EXPECT_EQ(message(HotkeyValidation::reservedBySystem), "macOS reserves this combination.");
-}
-
-TEST(HotkeyValidation, StandaloneKeysAreTheTwentyFourFunctionAndNavigationKeys) {
-    std::set<std::uint16_t> keys(HotkeyRules::standaloneKeys.begin(), HotkeyRules::standaloneKeys.end());
-    EXPECT_EQ(keys.size(), 24u);
-    for (std::uint16_t arrow : {123, 124, 125, 126}) EXPECT_FALSE(HotkeyRules::isStandalone(arrow));
-    EXPECT_FALSE(HotkeyRules::isStandalone(117));  // forward delete needs a modifier
 }

@@ -2,8 +2,8 @@
 
 #include "CoreKit/AppSettings.h"
 #include "CoreKit/DiagnosticLog.h"
-#include "CoreKit/Log.h"
 #include "CoreKit/ManualScheduler.h"
+#include "Support/LogCapture.h"
 #include "Support/TempDir.h"
 #include "Support/Unprivileged.h"
 
@@ -13,7 +13,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
-#include <mutex>
 #include <regex>
 #include <set>
 #include <sys/stat.h>
@@ -23,36 +22,13 @@ namespace tavrick {
 namespace {
 
 namespace fs = std::filesystem;
+using tavrick::testing::LogCapture;
 using tavrick::testing::readFile;
 using tavrick::testing::runUnprivileged;
 using tavrick::testing::TempDir;
 using tavrick::testing::writeFile;
 using Array = PreferenceValue::Array;
 using Dictionary = PreferenceValue::Dictionary;
-
-// Collects what the developer log says while it lives.
-class LogCapture {
-public:
-    LogCapture() {
-        Log::setSink([this](LogLevel level, std::string_view, std::string_view message) {
-            std::lock_guard lock(mutex_);
-            lines_.push_back({level, std::string(message)});
-        });
-    }
-    ~LogCapture() { Log::setSink({}); }
-
-    bool has(LogLevel level, const std::string& fragment) const {
-        std::lock_guard lock(mutex_);
-        for (const auto& [lineLevel, text] : lines_) {
-            if (lineLevel == level && text.find(fragment) != std::string::npos) return true;
-        }
-        return false;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::pair<LogLevel, std::string>> lines_;
-};
 
 std::vector<std::string> namesIn(const fs::path& directory) {
     std::vector<std::string> names;
@@ -250,26 +226,18 @@ TEST_F(JSONPreferenceStoreTest, ADamagedFileIsMovedAsideAndNeverDeleted) {
     }
 }
 
-TEST_F(JSONPreferenceStoreTest, TwoDamagedFilesInARowAreBothKept) {
+TEST_F(JSONPreferenceStoreTest, DamageWrittenLaterIsMovedAsideOnTheNextReadAndEachCopyIsKept) {
+    JSONPreferenceStore store(file());
+    ASSERT_TRUE(store.set("a", 1));
     writeFile(file(), "first damage");
-    JSONPreferenceStore first(file());
+    EXPECT_FALSE(store.object("a"));
     writeFile(file(), "second damage");
     JSONPreferenceStore second(file());
     auto names = namesIn(file().parent_path());
     ASSERT_EQ(names.size(), 2u);
+    EXPECT_EQ(names[0].rfind("defaults.json.corrupt-", 0), 0u);
     std::set<std::string> contents{readFile(file().parent_path() / names[0]), readFile(file().parent_path() / names[1])};
     EXPECT_EQ(contents, (std::set<std::string>{"first damage", "second damage"}));
-}
-
-TEST_F(JSONPreferenceStoreTest, DamageWrittenLaterIsMovedAsideOnTheNextRead) {
-    JSONPreferenceStore store(file());
-    ASSERT_TRUE(store.set("a", 1));
-    writeFile(file(), "{{{ definitely not json");
-    EXPECT_FALSE(store.object("a"));
-    auto names = namesIn(file().parent_path());
-    ASSERT_EQ(names.size(), 1u);
-    EXPECT_EQ(names[0].rfind("defaults.json.corrupt-", 0), 0u);
-    EXPECT_EQ(readFile(file().parent_path() / names[0]), "{{{ definitely not json");
 }
 
 TEST_F(JSONPreferenceStoreTest, AnUnwritableFolderFailsTheWriteButKeepsTheValue) {

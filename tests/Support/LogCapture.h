@@ -52,6 +52,13 @@ public:
     bool contains(const std::string& category, const std::string& message) const {
         return count(category, message) > 0;
     }
+    // Whether a line of this level, in any category, holds `fragment`.
+    bool has(LogLevel level, const std::string& fragment) const {
+        auto all = lines();
+        return std::any_of(all.begin(), all.end(), [&](const Line& line) {
+            return line.level == level && line.message.find(fragment) != std::string::npos;
+        });
+    }
 
 private:
     LogLevel previous_;
