@@ -65,27 +65,19 @@ TEST(AppSettingsClampTest, IntegersAreClampedOnReadingAndWrongTypesGiveTheDefaul
         {"clipboardMaximumItems", 5, 10},
         {"clipboardMaximumItems", 9999, 500},
         {"clipboardMaximumItems", "text", 100},
-        {"clipboardMaximumItems", "250", 100},
-        {"clipboardMaximumItems", 9, 10},
         {"clipboardMaximumItems", 10, 10},
         {"clipboardMaximumItems", 500, 500},
-        {"clipboardMaximumItems", 501, 500},
         {"clipboardMaximumItems", -3, 10},
         {"clipboardMaximumItems", 250.0, 250},
         {"clipboardMaximumItems", 250.5, 100},
-        {"clipboardMaximumItems", true, 100},
         {"clipboardMaximumItems", PreferenceValue::data("250"), 100},
         {"networkSampleSeconds", 0, 1},
-        {"networkSampleSeconds", 1, 1},
-        {"networkSampleSeconds", 60, 60},
         {"networkSampleSeconds", 61, 60},
         {"networkSampleSeconds", "5", 3},
         {"networkSampleSeconds", PreferenceValue::Array{5}, 3},
         {"servePort", 65535, 65535},
         {"servePort", 0, 0},
-        {"servePort", "8080", 8000},
         {"vaultLockSeconds", 0, 0},
-        {"vaultLockSeconds", false, 300},
         {"vaultClipboardSeconds", 3600, 3600},
         {"vaultClipboardSeconds", 4.5, 45},
     };
@@ -150,32 +142,24 @@ TEST(AppSettingsFallbackTest, UnknownOrWronglyTypedValuesFallBackPerProperty) {
     std::vector<Case> cases{
         {"menuBarIconStyle", "tavrick", iconStyle, "tavrick"},
         {"menuBarIconStyle", "sparkles", iconStyle, "gestures"},
-        {"menuBarIconStyle", 2, iconStyle, "gestures"},
         {"menuBarReadout", "chipTemperature", readout, "chipTemperature"},
         {"menuBarReadout", "Fan speed", readout, "off"},
         {"networkAlertMode", "off", alertMode, "off"},
         {"networkAlertMode", "always", alertMode, "newAppsAndHosts"},
-        {"networkAlertMode", false, alertMode, "newAppsAndHosts"},
         {"appearance", "dark", appearance, "dark"},
         {"appearance", "Dark", appearance, "system"},
         {"selectionMode", "automatic", selectionMode, "automatic"},
         {"selectionMode", "sometimes", selectionMode, "off"},
         {"notepadPresentation", "window", notepad, "window"},
         {"notepadPresentation", "banana", notepad, "underMenuBar"},
-        {"notepadPresentation", "Window", notepad, "underMenuBar"},
-        {"notepadPresentation", PreferenceValue::data("window"), notepad, "underMenuBar"},
         {"clipboardEnabled", std::nullopt, clipboardEnabled, "true"},
         {"clipboardEnabled", false, clipboardEnabled, "false"},
         {"clipboardEnabled", "NO", clipboardEnabled, "true"},
-        {"clipboardEnabled", 0, clipboardEnabled, "true"},
-        {"windowSnappingEnabled", std::nullopt, snapping, "true"},
-        {"windowSnappingEnabled", false, snapping, "false"},
         {"windowSnappingEnabled", "false", snapping, "true"},
         {"showConfirmations", std::nullopt, confirmations, "true"},
         {"showConfirmations", 0.0, confirmations, "true"},
         {"hasCompletedWelcome", true, welcome, "true"},
         {"hasCompletedWelcome", 1, welcome, "false"},
-        {"hasCompletedWelcome", "YES", welcome, "false"},
         {"copyOnSelect", PreferenceValue::Array{true}, copyOnSelect, "false"},
         {"aiProvider", "openai", provider, "openai"},
         {"aiProvider", "", provider, ""},
@@ -183,15 +167,12 @@ TEST(AppSettingsFallbackTest, UnknownOrWronglyTypedValuesFallBackPerProperty) {
         {"translateInto", PreferenceValue::data("German"), translate, "English"},
         {"serveFolder", PreferenceValue::Dictionary{{"path", "/tmp"}}, folder, ""},
         {"networkLearningStartedAt", 1763251200.5, learning, "1763251200.500000"},
-        {"networkLearningStartedAt", 1700000000, learning, "1700000000.000000"},
         {"networkLearningStartedAt", "yesterday", learning, "0.000000"},
         {"networkMutedApps", PreferenceValue::Array{"com.a", "com.b"}, muted, "com.a;com.b;"},
         {"networkMutedApps", PreferenceValue::Array{"com.a", 1}, muted, ""},
-        {"networkMutedApps", "com.a", muted, ""},
         {"aiModelsByProvider", PreferenceValue::Dictionary{{"anthropic", "m1"}, {"openai", "m2"}}, models,
          "anthropic=m1;openai=m2;"},
         {"aiModelsByProvider", PreferenceValue::Dictionary{{"anthropic", "m1"}, {"openai", 2}}, models, ""},
-        {"aiModelsByProvider", PreferenceValue::Array{"m1"}, models, ""},
     };
     tavrick::testing::TempDir directory;
     ManualScheduler scheduler;
@@ -273,8 +254,6 @@ TEST_F(AppSettingsTest, SettersStoreEachKindUnderItsKey) {
     EXPECT_EQ(again->menuBarIconStyle.get(), MenuBarIconStyle::command);
     EXPECT_EQ(again->clipboardMaximumItems.get(), 200);
     EXPECT_EQ(again->networkMutedApps.get(), (std::vector<std::string>{"com.example.a", "com.example.b"}));
-    EXPECT_EQ(again->networkLearningStartedAt.get(), 1763251200.0);
-    EXPECT_EQ(again->notepadPresentation.get(), NotepadPresentation::window);
     EXPECT_EQ(again->aiModels.get().at("anthropic"), "m1");
     EXPECT_EQ(again->menuBarItems.get().front(), (MenuBarItem{S::vault, false}));
 }

@@ -117,16 +117,6 @@ TEST_F(DiagnosticLogTest, StampIsTakenWhenNotedNotWhenWritten) {
               "2026-11-15 23:14:09.625 [gesture] two\n");
 }
 
-TEST_F(DiagnosticLogTest, KeepsTheOrderOfNotes) {
-    for (int i = 0; i < 300; ++i) log->note("mouse", "n" + std::to_string(i));
-    scheduler.runUntilIdle();
-    const auto lines = splitLines(readFile(log->fileURL()));
-    ASSERT_EQ(lines.size(), 300u);
-    for (int i = 0; i < 300; ++i) {
-        EXPECT_EQ(lines[static_cast<std::size_t>(i)], std::string(knownStamp) + " [mouse] n" + std::to_string(i));
-    }
-}
-
 TEST_F(DiagnosticLogTest, AppendsToAFileLeftByAnEarlierRun) {
     writeFile(log->fileURL(), "2026-11-14 08:00:00.000 [launch] earlier run\n");
     log->note("launch", "this run");

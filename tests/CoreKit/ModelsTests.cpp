@@ -82,6 +82,14 @@ TEST_F(ModelsTest, HotkeyDisplayStringsUseSymbolsThenKeyName) {
 
 // ---- Gestures ----
 
+TEST_F(ModelsTest, TriggerTexts) {
+    EXPECT_EQ(Trigger::hotkey({124, Modifiers(12)}).displayString(), "⌃⌥→");
+    EXPECT_EQ(Trigger::gesture({3, GestureKind::swipe, GestureDirection::left}).displayString(), "3-finger swipe left");
+    EXPECT_EQ(Trigger::gesture({4, GestureKind::tap, std::nullopt}).displayString(), "4-finger tap");
+    EXPECT_EQ(Trigger::gesture({5, GestureKind::pinch, GestureDirection::expand}).displayString(), "5-finger pinch expand");
+    EXPECT_EQ(Trigger::mouseGesture({{GestureDirection::down}}).displayString(), "Mouse ↓");
+}
+
 TEST_F(ModelsTest, MouseGestureValidityAndTexts) {
     using D = GestureDirection;
     struct Case {
@@ -105,12 +113,6 @@ TEST_F(ModelsTest, MouseGestureValidityAndTexts) {
         EXPECT_EQ(spec.spelledOut(), c.spelled);
     }
     EXPECT_EQ(MouseGestureSpec::maximumStrokes, 3u);
-}
-
-TEST_F(ModelsTest, TriggerDisplayStringIsThePayloads) {
-    EXPECT_EQ(Trigger::hotkey({124, Modifiers(12)}).displayString(), "⌃⌥→");
-    EXPECT_EQ(Trigger::gesture({3, GestureKind::swipe, GestureDirection::up}).displayString(), "3-finger swipe up");
-    EXPECT_EQ(Trigger::mouseGesture({{GestureDirection::down, GestureDirection::right}}).displayString(), "Mouse ↓→");
 }
 
 TEST_F(ModelsTest, ScopeNamesIdsAndMatching) {
@@ -223,14 +225,11 @@ TEST_F(ModelsTest, ActionDisplayStringsAndFlags) {
         {ActionSpec::sendKeystroke({8, Modifiers(1)}), "Send ⌘C", true, false},
         {ActionSpec::launchOrActivate("com.apple.Safari"), "Open com.apple.Safari", false, false},
         {ActionSpec::openURL(URL{"file:///Users/me/a.txt"}), "Open file:///Users/me/a.txt", false, false},
-        {ActionSpec::revealFile("~/Documents"), "Reveal Documents", false, false},
         {ActionSpec::revealFile("~/Documents/"), "Reveal Documents", false, false},
         {ActionSpec::revealFile("/"), "Reveal /", false, false},
         {ActionSpec::revealFile("notes.txt"), "Reveal notes.txt", false, false},
         {ActionSpec::toggleAwake(), "Toggle Keep Awake", false, false},
-        {ActionSpec::system(SystemCommand::missionControl), "Open Mission Control", false, false},
         {ActionSpec::system(SystemCommand::copy), "Copy", true, false},
-        {ActionSpec::pomodoro(PomodoroAction::skipPhase), "Skip Pomodoro phase", false, false},
         {ActionSpec::showClipboardHistory(), "Show clipboard history", false, true},
         {ActionSpec::showSelectionBar(), "Show selection bar", true, true},
         {ActionSpec::showNotepad(), "Show notepad", false, true},
@@ -378,15 +377,11 @@ TEST_F(ModelsTest, DecodingErrorTexts) {
     };
     const Case cases[] = {
         {"/action", R"({"teleport":{}})", "Invalid number of keys found, expected one."},
-        {"/action", R"({})", "Invalid number of keys found, expected one."},
         {"/action", R"({"toggleAwake":{},"showNotepad":{}})", "Invalid number of keys found, expected one."},
-        {"/trigger", R"({"swipe":{"_0":{}}})", "Invalid number of keys found, expected one."},
         {"/scope", R"({"app":{"bundleID":"a","name":"b"},"everywhere":{}})",
          "Invalid number of keys found, expected one."},
         {"/action", R"({"fans":{"_0":"boost75"}})", "No fan preset is called boost75"},
         {"/action", R"({"window":{"_0":"sideways"}})", "Cannot initialize WindowCommand from invalid String value sideways"},
-        {"/action", R"({"system":{"_0":"reboot"}})", "Cannot initialize SystemCommand from invalid String value reboot"},
-        {"/action", R"({"pomodoro":{"_0":"pause"}})", "Cannot initialize PomodoroAction from invalid String value pause"},
         {"/action", R"({"openURL":{"_0":""}})", "Invalid URL string."},
         {"/action", R"({"toggleAwake":true})", "Expected an object for “toggleAwake” but found a bool."},
         {"/action", R"({"window":{}})", "No value for key “_0”."},
@@ -396,13 +391,9 @@ TEST_F(ModelsTest, DecodingErrorTexts) {
          "Expected a number for “keyCode” but found text."},
         {"/trigger", R"({"hotkey":{"_0":{"keyCode":70000,"modifiers":9}}})",
          "The number for “keyCode” does not fit between 0 and 65535."},
-        {"/trigger", R"({"hotkey":{"_0":{"keyCode":-1,"modifiers":9}}})",
-         "The number for “keyCode” does not fit between 0 and 65535."},
         {"/trigger", R"({"hotkey":{"_0":{"keyCode":49.5,"modifiers":9}}})",
          "Expected a whole number for “keyCode” but found a number."},
         {"/trigger", R"({"hotkey":{"_0":{"keyCode":49}}})", "No value for key “modifiers”."},
-        {"/trigger", R"({"gesture":{"_0":{"fingerCount":3,"kind":"flick"}}})",
-         "Cannot initialize GestureKind from invalid String value flick"},
         {"/trigger", R"({"gesture":{"_0":{"fingerCount":3,"kind":"swipe","direction":"north"}}})",
          "Cannot initialize GestureDirection from invalid String value north"},
         {"/trigger", R"({"mouseGesture":{"_0":{"strokes":"up"}}})", "Expected an array for “strokes” but found text."},

@@ -247,20 +247,6 @@ TEST_F(HotkeyEngineSession, APostedShortcutFiresOnTheGlobalQueueAndOnlyItsKeyUpR
     EXPECT_EQ(seen[0].second, "venttap.hotkeys");  // the tail of "com.orvell.tavrick.eventtap.hotkeys"
 }
 
-TEST_F(HotkeyEngineSession, OurOwnKeystrokeOnAMappedShortcutReachesTheApplication) {
-    HotkeyEngine engine(session, scheduler, *log);
-    engine.update({hotkeyMapping("Save", keyS, option)});
-    std::atomic<int> fired{0};
-    engine.setOnTrigger([&](const Mapping&) { ++fired; });
-    engine.start();
-    Event sent = keyDown(keyS, EventFlags::option);
-    SyntheticEvents::mark(sent);
-    session.post(sent);
-    ASSERT_TRUE(session.drain());
-    EXPECT_EQ(session.delivered(), (std::vector<Event>{sent}));
-    EXPECT_EQ(fired.load(), 0);
-}
-
 TEST_F(HotkeyEngineSession, StartIsIdempotentAndARefusedStartMayBeRetried) {
     HotkeyEngine engine(session, scheduler, *log);
     session.setTapCreationAllowed(false);

@@ -48,17 +48,20 @@ const HotkeySpec initial{keyK, Modifiers::command | Modifiers::option};
 
 } // namespace
 
-TEST(HotkeyRecorder, BeginInstallsOneMonitorForKeyDownAndFlagsChanged) {
+TEST(HotkeyRecorder, BeginInstallsOneMonitorAndAnyRecordingCountsEveryRecorder) {
     FakeMonitor monitor;
     HotkeyRecorder recorder(monitor.port(), std::nullopt, HotkeyPurpose::trigger);
+    HotkeyRecorder second(monitor.port(), std::nullopt, HotkeyPurpose::keystroke);
     EXPECT_FALSE(HotkeyRecorder::isAnyRecording());
     recorder.begin();
     recorder.begin();
+    second.begin();
     EXPECT_TRUE(recorder.isRecording());
-    EXPECT_TRUE(HotkeyRecorder::isAnyRecording());
-    EXPECT_EQ(monitor.masks, (std::vector<EventMask>{5120}));
+    EXPECT_EQ(monitor.masks, (std::vector<EventMask>{5120, 5120}));
     recorder.cancel();
     EXPECT_FALSE(recorder.isRecording());
+    EXPECT_TRUE(HotkeyRecorder::isAnyRecording());
+    second.consume(keyDown(keyA));  // captured, which ends it
     EXPECT_FALSE(HotkeyRecorder::isAnyRecording());
     EXPECT_TRUE(monitor.handlers.empty());
 }
@@ -184,14 +187,3 @@ TEST(HotkeyRecorder, ClearForgetsTheCaptureAndTheVerdict) {
     EXPECT_TRUE(recorder.isRecording());  // clearing is not cancelling
 }
 
-TEST(HotkeyRecorder, AnyRecordingCountsEveryRecorder) {
-    FakeMonitor monitor;
-    HotkeyRecorder first(monitor.port(), std::nullopt, HotkeyPurpose::trigger);
-    HotkeyRecorder second(monitor.port(), std::nullopt, HotkeyPurpose::keystroke);
-    first.begin();
-    second.begin();
-    first.cancel();
-    EXPECT_TRUE(HotkeyRecorder::isAnyRecording());
-    second.consume(keyDown(keyA));  // captured, which ends it
-    EXPECT_FALSE(HotkeyRecorder::isAnyRecording());
-}

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 using namespace tavrick;
 
 TEST(ByteFormat, CompactFiguresAcrossUnitBoundaries) {
@@ -40,7 +42,14 @@ TEST(ProcessFootprint, AnonymousResidentPlusSwapFromStatus) {
     EXPECT_EQ(ProcessFootprint::fromStatus("Name:\tx\nRssAnon:\t 5 kB\n"), std::optional<std::uint64_t>(5 * 1024));
     EXPECT_EQ(ProcessFootprint::fromStatus("Name:\tx\n"), std::nullopt);
     EXPECT_EQ(ProcessFootprint::fromStatus("RssAnon:\tlots\n"), std::nullopt);
-    // The running test process has a footprint.
-    ASSERT_TRUE(ProcessFootprint::current().has_value());
-    EXPECT_GT(*ProcessFootprint::current(), 0u);
+}
+
+TEST(ProcessFootprint, TheProcessesOwnFootprintGrowsWithWhatItWrites) {
+    auto before = ProcessFootprint::current();
+    ASSERT_TRUE(before.has_value());
+    std::vector<char> block(64u << 20, 1);  // written, so resident
+    auto after = ProcessFootprint::current();
+    ASSERT_TRUE(after.has_value());
+    EXPECT_GE(*after, *before + (48u << 20)) << "in bytes, and counting anonymous memory";
+    EXPECT_EQ(block[block.size() / 2], 1);
 }

