@@ -273,24 +273,21 @@ TEST_F(AppSettingsTest, SettingTheSameValueDoesNotNotifyButAChangeDoes) {
     auto layoutObservation = settings->menuBarItems.observe([&](const auto& items) { layouts.push_back(items); });
     settings->menuBarItems.set(MenuBarLayout::defaultLayout());
     EXPECT_TRUE(layouts.empty());
-}
 
-TEST_F(AppSettingsTest, ObserversSeeTheNewValueAlreadyStored) {
-    auto settings = make();
+    // Observers see the new value already stored.
     std::optional<PreferenceValue> storedWhenTold;
-    auto observation = settings->selectionMode.observe(
+    auto modeObservation = settings->selectionMode.observe(
         [&](const SelectionMode&) { storedWhenTold = defaults.object("selectionMode"); });
     settings->selectionMode.set(SelectionMode::automatic);
     EXPECT_EQ(storedWhenTold, PreferenceValue("automatic"));
-}
 
-TEST_F(AppSettingsTest, ChoosingTheClampedValueWritesItBackInRange) {
+    // Choosing the value a stored one was clamped to tells nobody, but writes it back in range.
     defaults.set("clipboardMaximumItems", 5);
-    auto settings = make();
-    ASSERT_EQ(settings->clipboardMaximumItems.get(), 10);
+    auto clamped = make();
+    ASSERT_EQ(clamped->clipboardMaximumItems.get(), 10);
     int told = 0;
-    auto observation = settings->clipboardMaximumItems.observe([&](const std::int64_t&) { ++told; });
-    settings->clipboardMaximumItems.set(10);
+    auto countObservation = clamped->clipboardMaximumItems.observe([&](const std::int64_t&) { ++told; });
+    clamped->clipboardMaximumItems.set(10);
     EXPECT_EQ(told, 0);
     EXPECT_EQ(defaults.object("clipboardMaximumItems"), PreferenceValue(10));
 }

@@ -117,13 +117,20 @@ TEST_F(DiagnosticLogTest, StampIsTakenWhenNotedNotWhenWritten) {
               "2026-11-15 23:14:09.625 [gesture] two\n");
 }
 
-TEST_F(DiagnosticLogTest, AppendsToAFileLeftByAnEarlierRun) {
+TEST_F(DiagnosticLogTest, AppendsToAFileLeftByAnEarlierRunAndRotatesItWhenTheNextLineReachesTheLimit) {
     writeFile(log->fileURL(), "2026-11-14 08:00:00.000 [launch] earlier run\n");
     log->note("launch", "this run");
     log->flush();
     EXPECT_EQ(readFile(log->fileURL()),
               "2026-11-14 08:00:00.000 [launch] earlier run\n"
               "2026-11-15 23:14:07.125 [launch] this run\n");
+
+    const std::string earlier(524287, 'e');
+    writeFile(log->fileURL(), earlier);
+    log->note("launch", "over");
+    log->flush();
+    EXPECT_FALSE(fs::exists(log->fileURL()));
+    EXPECT_EQ(readFile(log->previousFileURL()), earlier + std::string(knownStamp) + " [launch] over\n");
 }
 
 TEST_F(DiagnosticLogTest, TheLineThatReachesTheLimitEndsThePreviousFile) {
@@ -159,15 +166,6 @@ TEST_F(DiagnosticLogTest, TheLineThatReachesTheLimitEndsThePreviousFile) {
         EXPECT_EQ(readFile(rotating->fileURL()), std::string(knownStamp) + " [x] after\n");
         EXPECT_EQ(rotating->sizeInBytes(), c.linesUntilRotation * c.lineBytes + std::string(knownStamp).size() + 11);
     }
-}
-
-TEST_F(DiagnosticLogTest, AFileLeftJustUnderTheLimitRotatesOnTheNextLineAndKeepsItsContent) {
-    const std::string earlier(524287, 'e');
-    writeFile(log->fileURL(), earlier);
-    log->note("launch", "over");
-    log->flush();
-    EXPECT_FALSE(fs::exists(log->fileURL()));
-    EXPECT_EQ(readFile(log->previousFileURL()), earlier + std::string(knownStamp) + " [launch] over\n");
 }
 
 TEST_F(DiagnosticLogTest, ASecondRotationReplacesTheEarlierPreviousFile) {

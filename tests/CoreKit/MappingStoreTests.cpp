@@ -95,33 +95,23 @@ protected:
 
 // ---- Load ----
 
-TEST_F(MappingStoreTest, MissingFileIsSeededAndSaved) {
+TEST_F(MappingStoreTest, AMissingFileIsSeededAndSavedPrettyPrintedWithSortedKeysAndWholeNumbers) {
     installSeed();
     auto store = open();
     EXPECT_EQ(names(store->mappings().get()), (std::vector<std::string>{"seed one", "seed two"}));
-    EXPECT_EQ(store->mappings().get(), MappingStore::bundledDefaults(bundle));
     EXPECT_EQ(coreLog(), (std::vector<std::string>{"Seeded 2 example mappings"}));
-    auto document = onDisk();
-    EXPECT_EQ(document["schemaVersion"], 1);
-    EXPECT_EQ(document["mappings"].size(), 2u);
-    EXPECT_EQ(MappingDocument::fromJSON(document).mappings, store->mappings().get());
-}
+    EXPECT_EQ(MappingDocument::fromJSON(onDisk()).mappings, store->mappings().get());
 
-TEST_F(MappingStoreTest, FileIsPrettyPrintedWithSortedKeysAndWholeNumbers) {
-    installSeed();
-    auto store = open();
     auto text = readFile(file);
     EXPECT_EQ(text.substr(0, 18), "{\n  \"mappings\": [\n");
     EXPECT_NE(text.find("\n  \"schemaVersion\": 1\n}"), std::string::npos) << text;
     EXPECT_NE(text.find("\"keyCode\": 123,\n"), std::string::npos) << text;
     EXPECT_EQ(text.find(".0"), std::string::npos) << "no whole number is written with a fraction";
-    // Keys in order: action, id, isEnabled, name, trigger.
-    auto action = text.find("\"action\"");
-    auto id = text.find("\"id\"");
-    auto enabled = text.find("\"isEnabled\"");
-    auto name = text.find("\"name\"");
-    auto trigger = text.find("\"trigger\"");
-    EXPECT_TRUE(action < id && id < enabled && enabled < name && name < trigger) << text;
+    std::size_t last = 0;
+    for (const char* key : {"\"action\"", "\"id\"", "\"isEnabled\"", "\"name\"", "\"trigger\""}) {
+        EXPECT_GT(text.find(key), last) << key << " comes in sorted order";
+        last = text.find(key);
+    }
     EXPECT_NE(text.find("\"id\": \"00000000-0000-4000-8000-000000000901\""), std::string::npos);
 }
 
@@ -157,34 +147,24 @@ TEST_F(MappingStoreTest, SeedProblemsStartEmpty) {
     EXPECT_EQ(onDisk()["mappings"], json::array());
 }
 
-TEST_F(MappingStoreTest, TheShippedSeedHoldsItsDocumentedBindings) {
+TEST_F(MappingStoreTest, TheShippedSeedIsReadWholeWithUniqueUpperCaseIdsAndUsableTriggers) {
     LinuxBundle shipped{"/nonexistent/tavrick", {fs::path(TAVRICK_SOURCE_DIR) / "resources"}};
     LogCapture capture;
     auto seed = MappingStore::bundledDefaults(shipped);
     EXPECT_TRUE(capture.messages("core").empty()) << capture.messages("core").front();
-    ASSERT_GE(seed.size(), 6u);
-    std::map<std::string, std::string> byTrigger;
+    ASSERT_FALSE(seed.empty());
     std::unordered_set<UUID> ids;
-    for (const auto& mapping : seed) {
-        byTrigger[mapping.trigger.displayString()] = mapping.action.displayString();
-        ids.insert(mapping.id);
-        if (auto* mouse = mapping.trigger.asMouseGesture()) {
-            EXPECT_TRUE(mouse->isValid());
-        }
-        if (auto* hotkey = mapping.trigger.asHotkey()) {
-            EXPECT_TRUE(hotkey->modifiers.isSafeForGlobalHotkey());
-        }
-    }
-    EXPECT_EQ(ids.size(), seed.size()) << "example ids are unique";
-    EXPECT_EQ(byTrigger["⌃⌥←"], "Left Half");
-    EXPECT_EQ(byTrigger["⌃⌥→"], "Right Half");
-    EXPECT_EQ(byTrigger["⌃⌥↩"], "Maximize");
-    EXPECT_EQ(byTrigger["⌃⌥C"], "Center");
-    EXPECT_EQ(byTrigger["3-finger swipe up"], "Maximize");
-    EXPECT_TRUE(std::any_of(seed.begin(), seed.end(), [](const Mapping& m) { return m.trigger.asMouseGesture(); }));
     // Ids are stored upper-case, so that a copy edited by the user keeps the same text.
     auto text = readFile(fs::path(TAVRICK_SOURCE_DIR) / "resources" / "DefaultMappings.json");
-    for (const auto& mapping : seed) EXPECT_NE(text.find(mapping.id.uuidString()), std::string::npos);
+    for (const auto& mapping : seed) {
+        ids.insert(mapping.id);
+        EXPECT_NE(text.find(mapping.id.uuidString()), std::string::npos);
+        auto* mouse = mapping.trigger.asMouseGesture();
+        auto* hotkey = mapping.trigger.asHotkey();
+        EXPECT_TRUE(!mouse || mouse->isValid()) << mapping.name;
+        EXPECT_TRUE(!hotkey || hotkey->modifiers.isSafeForGlobalHotkey()) << mapping.name;
+    }
+    EXPECT_EQ(ids.size(), seed.size()) << "example ids are unique";
 }
 
 TEST_F(MappingStoreTest, AFileInvalidAsAWholeIsMovedAsideAndReplacedWithTheExamples) {
@@ -518,6 +498,12 @@ TEST_F(MappingStoreTest, UndoPutsRemovedMappingsBackWhereTheyWere) {
     EXPECT_EQ(onDisk()["mappings"].size(), 5u);
     EXPECT_TRUE(store->undoRemove().empty()) << "one undo step";
     EXPECT_EQ(removedSeen, (std::vector<std::vector<std::string>>{{"m1", "m3"}, {}}));
+
+    // When something else has meanwhile shortened the list, what does not fit goes at the end.
+    store->remove({idNumber(4), idNumber(3)});
+    store->mappings().set({hotkeyMapping(0)});
+    store->undoRemove();
+    EXPECT_EQ(names(store->mappings().get()), (std::vector<std::string>{"m0", "m3", "m4"}));
 }
 
 TEST_F(MappingStoreTest, RemovingNothingKeepsTheUndoData) {
@@ -539,18 +525,6 @@ TEST_F(MappingStoreTest, RemovingNothingKeepsTheUndoData) {
     store->clearRemovedBuffer();
     EXPECT_TRUE(store->undoRemove().empty());
     EXPECT_EQ(names(store->mappings().get()), (std::vector<std::string>{"m1"}));
-}
-
-TEST_F(MappingStoreTest, UndoAfterTheListShrankAppendsAtTheEnd) {
-    installSeed();
-    writeDocument({});
-    auto store = open();
-    for (int i = 0; i < 5; ++i) store->add(hotkeyMapping(i));
-    store->remove({idNumber(4), idNumber(3)});
-    // Something else took the list down to one entry meanwhile.
-    store->mappings().set({hotkeyMapping(0)});
-    store->undoRemove();
-    EXPECT_EQ(names(store->mappings().get()), (std::vector<std::string>{"m0", "m3", "m4"}));
 }
 
 TEST_F(MappingStoreTest, ConflictsAreEnabledMappingsWithAnEqualTriggerInFileOrder) {

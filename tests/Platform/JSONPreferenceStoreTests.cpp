@@ -1,6 +1,5 @@
 #include "Platform/Linux/JSONPreferenceStore.h"
 
-#include "CoreKit/AppSettings.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/ManualScheduler.h"
 #include "Support/LogCapture.h"
@@ -332,32 +331,6 @@ TEST(JSONPreferenceStorePathTest, TheApplicationDomainLivesInTheConfigFolder) {
     EXPECT_EQ(JSONPreferenceStore::applicationFile(), root.path() / "config" / "com.orvell.tavrick" / "defaults.json");
     EXPECT_EQ(JSONPreferenceStore::fileForDomain("com.apple.dock"),
               root.path() / "config" / "com.apple.dock" / "defaults.json");
-}
-
-TEST_F(JSONPreferenceStoreTest, SettingsSurviveARelaunchThroughTheFile) {
-    ManualScheduler scheduler;
-    auto log = DiagnosticLog::make(directory.path() / "logs", scheduler);
-    {
-        JSONPreferenceStore store(file(), log.get());
-        AppSettings settings(store, *log);
-        settings.clipboardMaximumItems.set(200);
-        settings.networkLearningStartedAt.set(1763251200.0);
-        settings.isWindowSnappingEnabled.set(false);
-        settings.menuBarItems.set(MenuBarLayout::normalized({{MenuBarSection::vault, false}}));
-        settings.aiModels.set({{"anthropic", "m1"}});
-    }
-    std::string text = readFile(file());
-    EXPECT_NE(text.find("\"clipboardMaximumItems\": 200,"), std::string::npos) << text;
-    EXPECT_NE(text.find("\"networkLearningStartedAt\": 1763251200.0,"), std::string::npos) << text;
-    EXPECT_NE(text.find("\"menuBarItems\": {\n    \"$data\": \""), std::string::npos) << text;
-
-    JSONPreferenceStore store(file(), log.get());
-    AppSettings settings(store, *log);
-    EXPECT_EQ(settings.clipboardMaximumItems.get(), 200);
-    EXPECT_EQ(settings.networkLearningStartedAt.get(), 1763251200.0);
-    EXPECT_FALSE(settings.isWindowSnappingEnabled.get());
-    EXPECT_EQ(settings.menuBarItems.get().front(), (MenuBarItem{MenuBarSection::vault, false}));
-    EXPECT_EQ(settings.aiModels.get().at("anthropic"), "m1");
 }
 
 } // namespace
