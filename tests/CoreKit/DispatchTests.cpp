@@ -90,7 +90,7 @@ TEST(DispatchScheduler, MainLoopRunsPoolPostsAndTimersUntilStopped) {
 TEST(RunLoop, AStopEndsOneRunAndTheLoopRunsAgain) {
     RunLoop loop;
     loop.stop();
-    EXPECT_FALSE(loop.runFor(60)) << "a stop before the run ends it at once";
+    EXPECT_FALSE(loop.runFor(5)) << "a stop before the run ends it at once";
     EXPECT_TRUE(loop.runFor(0)) << "the stop was used up";
 
     int ran = 0;
@@ -99,7 +99,7 @@ TEST(RunLoop, AStopEndsOneRunAndTheLoopRunsAgain) {
         EXPECT_TRUE(loop.isCurrent());
         loop.stop();
     });
-    EXPECT_FALSE(loop.runFor(60));
+    EXPECT_FALSE(loop.runFor(5));
     loop.perform([&] { ++ran; });
     EXPECT_TRUE(loop.runFor(0)) << "runs what is waiting, then the time is up";
     EXPECT_EQ(ran, 2);
