@@ -21,6 +21,16 @@ PreferenceValue layoutData(const std::vector<MenuBarItem>& items) {
     return PreferenceValue::data(MenuBarLayout::encode(items));
 }
 
+// How a test table reads a choice or a switch back, as text.
+template <auto property>
+std::string rawOf(AppSettings& settings) {
+    return std::string(rawValue((settings.*property).get()));
+}
+template <auto property>
+std::string flagOf(AppSettings& settings) {
+    return (settings.*property).get() ? "true" : "false";
+}
+
 // A key the settings store is lost on restore unless a backup carries it.
 bool isBackedUp(const std::string& key) {
     const auto& keys = AppSettings::backedUpKeys;
@@ -105,19 +115,6 @@ TEST(AppSettingsClampTest, IntegersAreClampedOnReadingAndWrongTypesGiveTheDefaul
 
 TEST(AppSettingsFallbackTest, UnknownOrWronglyTypedValuesFallBackPerProperty) {
     using Read = std::function<std::string(AppSettings&)>;
-    auto text = [](std::string_view view) { return std::string(view); };
-    Read iconStyle = [&](AppSettings& s) { return text(rawValue(s.menuBarIconStyle.get())); };
-    Read readout = [&](AppSettings& s) { return text(rawValue(s.menuBarReadout.get())); };
-    Read alertMode = [&](AppSettings& s) { return text(rawValue(s.networkAlertMode.get())); };
-    Read appearance = [&](AppSettings& s) { return text(rawValue(s.appearance.get())); };
-    Read selectionMode = [&](AppSettings& s) { return text(rawValue(s.selectionMode.get())); };
-    Read notepad = [&](AppSettings& s) { return text(rawValue(s.notepadPresentation.get())); };
-    auto flag = [](bool value) { return std::string(value ? "true" : "false"); };
-    Read clipboardEnabled = [&](AppSettings& s) { return flag(s.isClipboardEnabled.get()); };
-    Read snapping = [&](AppSettings& s) { return flag(s.isWindowSnappingEnabled.get()); };
-    Read confirmations = [&](AppSettings& s) { return flag(s.showConfirmations.get()); };
-    Read welcome = [&](AppSettings& s) { return flag(s.hasCompletedWelcome.get()); };
-    Read copyOnSelect = [&](AppSettings& s) { return flag(s.copyOnSelect.get()); };
     Read provider = [](AppSettings& s) { return s.aiProvider.get(); };
     Read translate = [](AppSettings& s) { return s.translateInto.get(); };
     Read folder = [](AppSettings& s) { return s.serveFolder.get(); };
@@ -140,27 +137,27 @@ TEST(AppSettingsFallbackTest, UnknownOrWronglyTypedValuesFallBackPerProperty) {
         std::string expected;
     };
     std::vector<Case> cases{
-        {"menuBarIconStyle", "tavrick", iconStyle, "tavrick"},
-        {"menuBarIconStyle", "sparkles", iconStyle, "gestures"},
-        {"menuBarReadout", "chipTemperature", readout, "chipTemperature"},
-        {"menuBarReadout", "Fan speed", readout, "off"},
-        {"networkAlertMode", "off", alertMode, "off"},
-        {"networkAlertMode", "always", alertMode, "newAppsAndHosts"},
-        {"appearance", "dark", appearance, "dark"},
-        {"appearance", "Dark", appearance, "system"},
-        {"selectionMode", "automatic", selectionMode, "automatic"},
-        {"selectionMode", "sometimes", selectionMode, "off"},
-        {"notepadPresentation", "window", notepad, "window"},
-        {"notepadPresentation", "banana", notepad, "underMenuBar"},
-        {"clipboardEnabled", std::nullopt, clipboardEnabled, "true"},
-        {"clipboardEnabled", false, clipboardEnabled, "false"},
-        {"clipboardEnabled", "NO", clipboardEnabled, "true"},
-        {"windowSnappingEnabled", "false", snapping, "true"},
-        {"showConfirmations", std::nullopt, confirmations, "true"},
-        {"showConfirmations", 0.0, confirmations, "true"},
-        {"hasCompletedWelcome", true, welcome, "true"},
-        {"hasCompletedWelcome", 1, welcome, "false"},
-        {"copyOnSelect", PreferenceValue::Array{true}, copyOnSelect, "false"},
+        {"menuBarIconStyle", "tavrick", rawOf<&AppSettings::menuBarIconStyle>, "tavrick"},
+        {"menuBarIconStyle", "sparkles", rawOf<&AppSettings::menuBarIconStyle>, "gestures"},
+        {"menuBarReadout", "chipTemperature", rawOf<&AppSettings::menuBarReadout>, "chipTemperature"},
+        {"menuBarReadout", "Fan speed", rawOf<&AppSettings::menuBarReadout>, "off"},
+        {"networkAlertMode", "off", rawOf<&AppSettings::networkAlertMode>, "off"},
+        {"networkAlertMode", "always", rawOf<&AppSettings::networkAlertMode>, "newAppsAndHosts"},
+        {"appearance", "dark", rawOf<&AppSettings::appearance>, "dark"},
+        {"appearance", "Dark", rawOf<&AppSettings::appearance>, "system"},
+        {"selectionMode", "automatic", rawOf<&AppSettings::selectionMode>, "automatic"},
+        {"selectionMode", "sometimes", rawOf<&AppSettings::selectionMode>, "off"},
+        {"notepadPresentation", "window", rawOf<&AppSettings::notepadPresentation>, "window"},
+        {"notepadPresentation", "banana", rawOf<&AppSettings::notepadPresentation>, "underMenuBar"},
+        {"clipboardEnabled", std::nullopt, flagOf<&AppSettings::isClipboardEnabled>, "true"},
+        {"clipboardEnabled", false, flagOf<&AppSettings::isClipboardEnabled>, "false"},
+        {"clipboardEnabled", "NO", flagOf<&AppSettings::isClipboardEnabled>, "true"},
+        {"windowSnappingEnabled", "false", flagOf<&AppSettings::isWindowSnappingEnabled>, "true"},
+        {"showConfirmations", std::nullopt, flagOf<&AppSettings::showConfirmations>, "true"},
+        {"showConfirmations", 0.0, flagOf<&AppSettings::showConfirmations>, "true"},
+        {"hasCompletedWelcome", true, flagOf<&AppSettings::hasCompletedWelcome>, "true"},
+        {"hasCompletedWelcome", 1, flagOf<&AppSettings::hasCompletedWelcome>, "false"},
+        {"copyOnSelect", PreferenceValue::Array{true}, flagOf<&AppSettings::copyOnSelect>, "false"},
         {"aiProvider", "openai", provider, "openai"},
         {"aiProvider", "", provider, ""},
         {"aiProvider", 5, provider, "anthropic"},
