@@ -90,6 +90,7 @@ void MappingStore::load() {
         } else {
             Log::core.error("Could not read mappings (%s); could not move it aside either (%s)", failure.c_str(),
                             moveFailure.c_str());
+            protectsUnreadFile_ = true;
         }
         seed();
         persist();
@@ -160,8 +161,9 @@ bool MappingStore::persist() {
     std::string failure;
     bool written = false;
     std::error_code error;
-    std::filesystem::create_directories(fileURL_.parent_path(), error);
-    if (error) {
+    if (protectsUnreadFile_) {
+        failure = quoted(fileURL_) + " could not be read, and writing would replace what it holds";
+    } else if (std::filesystem::create_directories(fileURL_.parent_path(), error); error) {
         failure = "could not create the folder “" + fileURL_.parent_path().string() + "”: " + error.message();
     } else {
         auto list = nlohmann::json::array();

@@ -99,6 +99,9 @@ private:
     Observable<std::vector<Mapping>> lastRemoved_;
     std::vector<std::size_t> removedIndices_;
     std::vector<JSONValue> unreadable_;
+    // Set when the file could be neither read nor moved aside: for the rest of the run nothing is
+    // written over it, since a write would replace mappings this run never saw.
+    bool protectsUnreadFile_ = false;
 };
 
 } // namespace tavrick

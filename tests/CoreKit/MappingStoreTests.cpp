@@ -287,6 +287,27 @@ TEST_F(MappingStoreTest, WhenTheMoveFailsTheOldFileStillSurvivesAnUnwritableFold
     EXPECT_EQ(filesIn(support), (std::vector<fs::path>{"mappings.json"}));
 }
 
+TEST_F(MappingStoreTest, AFileThatCouldNotBeReadIsNotOverwrittenOnceAccessReturns) {
+    installSeed();
+    writeDocument({hotkeyMapping(1).toJSON().dump()});
+    const auto before = readFile(file);
+    fs::permissions(support, fs::perms::owner_read | fs::perms::owner_write);
+    int status = runUnprivileged(dir.path(), [&] {
+        LogCapture capture;
+        auto store = open();
+        fs::permissions(support, fs::perms::owner_all);
+        std::vector<Mapping> told;
+        store->onChange = [&](const std::vector<Mapping>& mappings) { told = mappings; };
+        store->add(hotkeyMapping(2));
+        if (told.size() != 3) return 1;  // the engines still hear of the change
+        auto lines = capture.messages("core");
+        return lines.back() == "Could not save mappings: “mappings.json” could not be read, and writing would "
+                               "replace what it holds" ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(file), before);
+}
+
 TEST_F(MappingStoreTest, UnknownRecordsAreKeptAndWrittenBackAfterTheReadableOnes) {
     installSeed();
     writeDocument({json(hotkeyMapping(1).toJSON()).dump(), unknownRecord, hotkeyMapping(2).toJSON().dump()});
