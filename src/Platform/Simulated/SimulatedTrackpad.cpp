@@ -1,0 +1,65 @@
+#include "Platform/Simulated/SimulatedTrackpad.h"
+
+#include "CoreKit/Log.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace tavrick {
+
+void SimulatedTrackpad::start() {
+    std::lock_guard guard(lock_);
+    if (running_) return;
+    if (!connected_) throw std::runtime_error(notConnected);
+    running_ = true;
+    ++starts_;
+    Log::gesture.info("Simulated trackpad started");
+}
+
+void SimulatedTrackpad::stop() {
+    std::lock_guard guard(lock_);
+    running_ = false;
+}
+
+bool SimulatedTrackpad::isRunning() const {
+    std::lock_guard guard(lock_);
+    return running_;
+}
+
+void SimulatedTrackpad::setOnFrame(OnFrame onFrame) {
+    OnFrame replaced;
+    std::lock_guard guard(lock_);
+    replaced = std::exchange(onFrame_, std::move(onFrame));
+}
+
+TouchSource::OnFrame SimulatedTrackpad::onFrame() const {
+    std::lock_guard guard(lock_);
+    return onFrame_;
+}
+
+void SimulatedTrackpad::setConnected(bool connected) {
+    std::lock_guard guard(lock_);
+    connected_ = connected;
+}
+
+std::size_t SimulatedTrackpad::play(const std::vector<TouchFrame>& frames) {
+    std::size_t delivered = 0;
+    for (const auto& frame : frames) {
+        OnFrame callback;
+        {
+            std::lock_guard guard(lock_);
+            if (!running_) break;
+            callback = onFrame_;
+        }
+        if (callback) callback(frame);
+        ++delivered;
+    }
+    return delivered;
+}
+
+int SimulatedTrackpad::startCount() const {
+    std::lock_guard guard(lock_);
+    return starts_;
+}
+
+} // namespace tavrick
