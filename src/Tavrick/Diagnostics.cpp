@@ -5,11 +5,14 @@
 #include "HotkeyEngine/HotkeyEngine.h"
 #include "MouseGestureKit/MouseGestureEngine.h"
 #include "MouseGestureKit/RecordingPad.h"
+#include "CoreKit/FileIO.h"
+#include "Platform/Linux/EvdevTouchAssembler.h"
 #include "Platform/Simulated/SessionBridge.h"
 
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -277,6 +280,33 @@ int runMouseRecorderSelfTestAndExit(Context& context) {
     return 0;
 }
 
+int playTouchesAndExit(Context& context, const std::filesystem::path& recording) {
+    auto& out = context.out;
+    // Read here first, so that a bad file is told in this terminal, not only in the other one.
+    int error = 0;
+    auto text = FileIO::readAll(recording, error);
+    if (!text) {
+        out << "✗ cannot read " << recording.string() << ": " << std::strerror(error) << "\n";
+        return 1;
+    }
+    std::size_t frames = 0;
+    try {
+        frames = TouchpadRecording::parse(*text).frames().size();
+    } catch (const std::exception& failure) {
+        out << "✗ " << failure.what() << "\n";
+        return 1;
+    }
+    std::error_code ignored;
+    auto answer = SessionBridge::sendTouches(context.sessionSocket, std::filesystem::absolute(recording, ignored));
+    if (auto* failure = std::get_if<std::string>(&answer)) {
+        out << "✗ " << frames << " frame(s) not played: " << *failure << "\n";
+        return 1;
+    }
+    out << "played " << std::get<std::size_t>(answer) << " frame(s) of " << recording.filename().string()
+        << " into the running Tavrick's trackpad\n";
+    return 0;
+}
+
 int run(Context& context, const DiagnosticCommand& command) {
     switch (command.flag) {
     case DiagnosticFlag::postKey: return postKeyAndExit(context, command.keyCode, command.modifiers);
@@ -284,6 +314,7 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::tapSelfTest: return runTapSelfTestAndExit(context);
     case DiagnosticFlag::tapProbe: return runTapProbeAndExit(context, command.seconds);
     case DiagnosticFlag::mouseRecorderSelfTest: return runMouseRecorderSelfTestAndExit(context);
+    case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

@@ -32,6 +32,8 @@ int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifie
 int runTapSelfTestAndExit(Context& context);
 int runTapProbeAndExit(Context& context, double seconds);
 int runMouseRecorderSelfTestAndExit(Context& context);
+// Sends a touchpad recording to a running Tavrick, whose simulated trackpad plays it.
+int playTouchesAndExit(Context& context, const std::filesystem::path& recording);
 // A right-button press at `from`, drags in `steps` even steps, and the release at `to`. False, and
 // nothing posted, when the events cannot be made.
 bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);

@@ -160,6 +160,12 @@ int TavrickApp::main(int argc, char** argv) {
     auto bridge = SessionBridge::listen(session, sessionSocketPath());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
+        if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
+            bridge->setTouchPlayer([trackpad](const std::filesystem::path& recording) {
+                return trackpad->playRecording(recording);
+            });
+            std::cout << "  touches  : tavrick --play-touches <recording> plays into this trackpad\n" << std::flush;
+        }
     }
 
     while (!terminationRequested) {

@@ -153,9 +153,46 @@ void SessionBridge::serve() {
         if (!(fds[0].revents & POLLIN)) continue;
         int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) continue;
-        if (auto line = readLine(client, 1000)) writeAll(client, handle(session_, *line));
+        if (auto line = readLine(client, 1000)) {
+            if (line->rfind("touches ", 0) == 0) {
+                TouchPlayer player;
+                {
+                    std::lock_guard guard(playerLock_);
+                    player = touchPlayer_;
+                }
+                writeAll(client, player ? player(line->substr(8)) : "error this Tavrick has no simulated trackpad\n");
+            } else {
+                writeAll(client, handle(session_, *line));
+            }
+        }
         close(client);
     }
+}
+
+void SessionBridge::setTouchPlayer(TouchPlayer player) {
+    std::lock_guard guard(playerLock_);
+    touchPlayer_ = std::move(player);
+}
+
+std::variant<std::size_t, std::string> SessionBridge::sendTouches(const std::filesystem::path& socketPath,
+                                                                  const std::filesystem::path& recording) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return std::string("no Tavrick is listening");
+    std::variant<std::size_t, std::string> result = std::string("the running Tavrick did not take the request");
+    // Playing takes as long as the recording's frames take to deliver, which is quick.
+    if (writeAll(fd, "touches " + recording.string() + "\n")) {
+        auto answer = readLine(fd, 10000);
+        if (!answer) {
+            result = std::string("the running Tavrick did not answer");
+        } else if (answer->rfind("ok ", 0) == 0) {
+            auto frames = parse<std::size_t>(answer->substr(3));
+            result = frames ? std::variant<std::size_t, std::string>(*frames) : std::string("an answer that is not a count");
+        } else {
+            result = answer->rfind("error ", 0) == 0 ? answer->substr(6) : *answer;
+        }
+    }
+    close(fd);
+    return result;
 }
 
 bool SessionBridge::isListening(const std::filesystem::path& socketPath) {

@@ -1,6 +1,10 @@
 #include "Platform/Simulated/SimulatedTrackpad.h"
 
+#include "CoreKit/FileIO.h"
 #include "CoreKit/Log.h"
+#include "Platform/Linux/EvdevTouchAssembler.h"
+
+#include <cstring>
 
 #include <stdexcept>
 #include <utility>
@@ -55,6 +59,28 @@ std::size_t SimulatedTrackpad::play(const std::vector<TouchFrame>& frames) {
         ++delivered;
     }
     return delivered;
+}
+
+std::string SimulatedTrackpad::playRecording(const std::filesystem::path& recording) {
+    int error = 0;
+    auto text = FileIO::readAll(recording, error);
+    if (!text) return "error cannot read " + recording.string() + ": " + std::strerror(error) + "\n";
+    std::vector<TouchFrame> frames;
+    try {
+        frames = TouchpadRecording::parse(*text).frames();
+    } catch (const std::exception& failure) {
+        return std::string("error ") + failure.what() + "\n";
+    }
+    if (frames.empty()) return "error " + recording.string() + " holds no frames\n";
+    if (!isRunning()) return "error the trackpad is not running (gestures are off or failed to start)\n";
+    double shift;
+    {
+        std::lock_guard guard(lock_);
+        shift = nextTime_ - frames.front().timestamp;
+        nextTime_ = frames.back().timestamp + shift + 1.0;
+    }
+    for (auto& frame : frames) frame.timestamp += shift;
+    return "ok " + std::to_string(play(frames)) + "\n";
 }
 
 int SimulatedTrackpad::startCount() const {

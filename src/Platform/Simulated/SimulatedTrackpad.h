@@ -2,6 +2,7 @@
 
 #include "GestureEngine/TouchSource.h"
 
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -25,6 +26,10 @@ public:
     // Delivers the frames in order on the calling thread, as the pad's own thread would; nothing
     // is delivered while stopped. Returns how many were delivered.
     std::size_t play(const std::vector<TouchFrame>& frames);
+    // Plays a touchpad recording file, its times moved on to follow whatever was played before,
+    // so that the recogniser never sees time run backwards. Answers the bridge's way: "ok <frames>"
+    // or "error <reason>", each with a newline.
+    std::string playRecording(const std::filesystem::path& recording);
     // How many times the source was started, for tests that count registrations.
     int startCount() const;
 
@@ -34,6 +39,7 @@ private:
     bool running_ = false;
     bool connected_ = true;
     int starts_ = 0;
+    double nextTime_ = 0;
 };
 
 } // namespace tavrick

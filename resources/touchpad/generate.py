@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the touchpad recordings the gesture tests play.
+"""Writes the touchpad recordings that the gesture tests play and that `tavrick --play-touches`
+sends to a running Tavrick's simulated trackpad.
 
 Each is a kernel multitouch stream (protocol B) of a hand on a 1216 x 800 pad sampled at
 120 Hz, with fingers that land and lift a frame or two apart and a little jitter, the way a
@@ -99,6 +100,22 @@ def write_swipe():
     w.save("three-finger-swipe-left.txt", "three fingers land a frame apart, rest, and swipe left quickly")
 
 
+def write_swipe_up():
+    w = Writer(8)
+    start = {0: (0.40, 0.30), 1: (0.50, 0.33), 2: (0.60, 0.31)}
+    for partial in staggered(start):
+        w.frame(partial)
+    for _ in range(7):
+        w.frame(start)
+    steps = 20
+    for i in range(1, steps + 1):
+        w.frame({s: (x - 0.01 * i / steps, y + 0.35 * i / steps) for s, (x, y) in start.items()})
+    end = {s: (x - 0.01, y + 0.35) for s, (x, y) in start.items()}
+    w.frame({1: end[1], 2: end[2]})
+    w.frame({})
+    w.save("three-finger-swipe-up.txt", "three fingers land a frame apart, rest, and swipe up")
+
+
 def write_tap():
     w = Writer(4)
     hand = {0: (0.40, 0.42), 1: (0.48, 0.47), 2: (0.56, 0.47), 3: (0.64, 0.42)}
@@ -163,6 +180,7 @@ def write_scroll():
 
 if __name__ == "__main__":
     write_swipe()
+    write_swipe_up()
     write_tap()
     write_pinch()
     write_rotation()
