@@ -43,9 +43,9 @@ struct AppEnvironment {
     std::string build;
     std::string operatingSystemVersion;
     // Where touch frames come from; null means the trackpad service's own source.
-    std::shared_ptr<TouchSource> touchSource;
+    std::shared_ptr<TouchSource> touchSource = nullptr;
     // The application in front at start, before the first activation is announced.
-    std::optional<std::string> frontmostBundleID;
+    std::optional<std::string> frontmostBundleID = std::nullopt;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
