@@ -136,7 +136,10 @@ int MultitouchSource::contactFrame(void*, const void* records, std::int32_t coun
     // An empty frame is still delivered: it is how a lift is seen.
     if (records && count >= 1) {
         if (count > maximumContacts) {
-            Log::gesture.error("Multitouch frame claims %d contacts; reading the first %d", count, maximumContacts);
+            // Told once a run of the stream: at 120 frames a second a line each would drown the log.
+            if (!source->toldOversized_.exchange(true)) {
+                Log::gesture.error("Multitouch frame claims %d contacts; reading the first %d", count, maximumContacts);
+            }
             count = maximumContacts;
         }
         const auto size = static_cast<std::size_t>(count) * recordSize;
@@ -179,6 +182,7 @@ void MultitouchSource::start() {
         devices_ = started;
         running_ = true;
     }
+    toldOversized_ = false;
     Log::gesture.info("Multitouch source started on %ld device(s)", static_cast<long>(started.size()));
 }
 

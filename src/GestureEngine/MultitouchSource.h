@@ -2,6 +2,7 @@
 
 #include "GestureEngine/TouchSource.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -83,6 +84,7 @@ private:
     OnFrame onFrame_;
     std::vector<void*> devices_;
     bool running_ = false;
+    std::atomic<bool> toldOversized_{false};
 };
 
 } // namespace tavrick

@@ -160,6 +160,21 @@ TEST(GestureRecognizer, TapLimitsAreInclusive) {
     }
 }
 
+TEST(GestureRecognizer, TapsWithTheDefaultLimits) {
+    struct Case {
+        double liftAt, movement;
+        bool tap;
+    };
+    const Case cases[] = {{0.2, 0.02, true}, {0.2, 0.03, false}, {0.3, 0.02, false}};
+    for (const auto& c : cases) {
+        GestureRecognizer recognizer;
+        recognizer.process(fingers(0, 3));
+        recognizer.process(fingers(0.05, 3));
+        recognizer.process(fingers(0.1, 3, 0.5 + c.movement));
+        EXPECT_EQ(recognizer.process(lifted(c.liftAt)).has_value(), c.tap) << c.liftAt << " s, moved " << c.movement;
+    }
+}
+
 TEST(GestureRecognizer, FingersThatLiftBeforeTheSettleDelayMakeNoTap) {
     GestureRecognizer recognizer;
     EXPECT_TRUE(feed(recognizer, {fingers(0, 3), fingers(0.02, 3), lifted(0.03)}).empty());

@@ -211,3 +211,26 @@ TEST_F(MultitouchPlayback, RecordedContactsPlayedByTheLibraryFireTheSameMappingA
     EXPECT_FALSE(loaded.isSuppressing());
     loaded.stop();
 }
+
+TEST_F(MultitouchPlayback, AFrameClaimingMoreContactsThanAnyPadIsCutAndToldOnce) {
+    LogCapture lines(LogLevel::error);
+    auto source = std::make_shared<MultitouchSource>(FAKE_MT_LIBRARY);
+    std::vector<std::size_t> sizes;
+    std::mutex sizesLock;
+    source->setOnFrame([&](const TouchFrame& frame) {
+        std::lock_guard lock(sizesLock);
+        sizes.push_back(frame.touches.size());
+    });
+    TouchFrame crowded;
+    crowded.timestamp = 1;
+    for (int i = 0; i < 70; ++i) crowded.touches.push_back(Touch{i, 0.5, 0.5, 0.1, true});
+    TouchFrame again = crowded;
+    again.timestamp = 1.01;
+    fake.setRecording({crowded, again, lifted(1.02)});
+    fake.appendNullFrame(0, 1.03);
+    source->start();
+    fake.wait();
+    source->stop();
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{64, 64, 0, 0}));
+    EXPECT_EQ(lines.count("gesture", "Multitouch frame claims 70 contacts; reading the first 64"), 1u);
+}
