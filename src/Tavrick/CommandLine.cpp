@@ -47,6 +47,7 @@ const char* spelling(DiagnosticFlag flag) {
     case DiagnosticFlag::tapProbe: return "--tap-probe";
     case DiagnosticFlag::fanProbe: return "--fan-probe";
     case DiagnosticFlag::playTouches: return "--play-touches";
+    case DiagnosticFlag::postStroke: return "--post-stroke";
     }
     return "";
 }
@@ -57,6 +58,7 @@ const std::vector<DiagnosticFlag>& allFlags() {
         DiagnosticFlag::probeSelection,  DiagnosticFlag::log,          DiagnosticFlag::tapSelfTest,
         DiagnosticFlag::mouseRecorderSelfTest, DiagnosticFlag::vaultSelfTest, DiagnosticFlag::touchIDProbe,
         DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,     DiagnosticFlag::playTouches,
+        DiagnosticFlag::postStroke,
     };
     return flags;
 }
@@ -120,6 +122,15 @@ std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments
                 continue;
             }
             command.file = *file;
+            break;
+        }
+        case DiagnosticFlag::postStroke: {
+            const std::string* strokes = argument(1);
+            if (!strokes || strokes->empty()) {
+                problem("--post-stroke needs strokes such as up,left or the word click; ignoring it");
+                continue;
+            }
+            command.strokes = *strokes;
             break;
         }
         case DiagnosticFlag::fanProbe: {

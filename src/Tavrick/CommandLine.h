@@ -23,6 +23,8 @@ enum class DiagnosticFlag {
     fanProbe,
     // Plays a touchpad recording into a running Tavrick's simulated trackpad.
     playTouches,
+    // Draws a right-button stroke in a running Tavrick's session.
+    postStroke,
 };
 
 struct DiagnosticCommand {
@@ -31,6 +33,7 @@ struct DiagnosticCommand {
     std::int64_t modifiers = 0;       // postKey
     std::string folder;               // renderIcons
     std::string file;                 // playTouches
+    std::string strokes;              // postStroke
     double seconds = 0;               // probeSelection, tapProbe
     std::optional<double> boostSeconds;  // fanProbe
     bool release = false;             // fanProbe

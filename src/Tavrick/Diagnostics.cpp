@@ -307,6 +307,16 @@ int playTouchesAndExit(Context& context, const std::filesystem::path& recording)
     return 0;
 }
 
+int postStrokeAndExit(Context& context, const std::string& strokes) {
+    auto failure = SessionBridge::sendStroke(context.sessionSocket, strokes);
+    if (failure) {
+        context.out << "✗ could not draw “" << strokes << "”: " << *failure << "\n";
+        return 1;
+    }
+    context.out << "drew “" << strokes << "” with the right button in the running Tavrick's session\n";
+    return 0;
+}
+
 int run(Context& context, const DiagnosticCommand& command) {
     switch (command.flag) {
     case DiagnosticFlag::postKey: return postKeyAndExit(context, command.keyCode, command.modifiers);
@@ -315,6 +325,7 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::tapProbe: return runTapProbeAndExit(context, command.seconds);
     case DiagnosticFlag::mouseRecorderSelfTest: return runMouseRecorderSelfTestAndExit(context);
     case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
+    case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

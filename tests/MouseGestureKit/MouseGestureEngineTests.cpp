@@ -2,6 +2,7 @@
 
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/SyntheticEvents.h"
+#include "Platform/Simulated/SessionBridge.h"
 #include "Platform/Simulated/SimulatedSession.h"
 
 #include <gtest/gtest.h>
@@ -250,4 +251,30 @@ TEST_F(MouseGestureEngineTest, ATapDisabledMidStrokeLeavesNothingStuck) {
     EXPECT_FALSE(engine.isHoldingPress());
     ASSERT_EQ(session.delivered().size(), 2u);
     EXPECT_EQ(session.delivered()[0].location, (Point{30, 30}));
+}
+
+TEST_F(MouseGestureEngineTest, StrokesFromAnotherProcessAreDrawnThroughTheTap) {
+    engine.setMasterEnabled(true);
+    engine.update({shape("Back", {D::up, D::left})});
+    const std::pair<const char*, const char*> refused[] = {
+        {"stroke", "error expected: stroke <up|down|left|right,… at most three> or stroke click\n"},
+        {"stroke up,sideways", "error expected: stroke <up|down|left|right,… at most three> or stroke click\n"},
+        {"stroke up,down,left,right", "error expected: stroke <up|down|left|right,… at most three> or stroke click\n"},
+        {"stroke up left", "error too many arguments\n"},
+    };
+    for (const auto& [request, answer] : refused) EXPECT_EQ(SessionBridge::handle(session, request), answer) << request;
+    ASSERT_TRUE(session.drain());
+    EXPECT_TRUE(session.delivered().empty()) << "a refused request posts nothing";
+
+    EXPECT_EQ(SessionBridge::handle(session, "stroke up,left"), "ok\n");
+    ASSERT_TRUE(session.drain());
+    scheduler.runUntilIdle();
+    EXPECT_EQ(fired, std::vector<std::string>{"Back"});
+
+    session.clearDelivered();
+    EXPECT_EQ(SessionBridge::handle(session, "stroke click"), "ok\n");
+    ASSERT_TRUE(session.drain());
+    ASSERT_EQ(session.delivered().size(), 2u);
+    EXPECT_EQ(session.delivered()[0].type, EventType::rightMouseDown);
+    EXPECT_EQ(session.delivered()[1].type, EventType::rightMouseUp);
 }

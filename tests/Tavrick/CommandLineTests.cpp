@@ -101,7 +101,8 @@ TEST(CommandLine, FlagsAreListedInTheirOrderWithTheirSpelling) {
     EXPECT_EQ(spelled, (std::vector<std::string>{"--diagnose", "--post-key", "--render-icons", "--probe-selection",
                                                  "--log", "--tap-selftest", "--mouse-recorder-selftest",
                                                  "--vault-selftest", "--touchid-probe", "--tap-probe",
-                                                 "--fan-probe", "--play-touches"}));
+                                                 "--fan-probe", "--play-touches",
+                                                 "--post-stroke"}));
 }
 
 TEST(CommandLine, IgnoredAndDefaultedArgumentsAreExplainedForTheLog) {

@@ -94,6 +94,16 @@ TEST(EndToEnd, ARecordedSwipePlayedIntoTheRunningTrackpadFiresItsMapping) {
     // The seed mappings bind a three-finger swipe up to Maximize.
     EXPECT_TRUE(waitForLog(root, "-> 3-finger swipe up -> ran 'Maximize' (Maximize)"));
     EXPECT_TRUE(waitForLog(root, "[action] running Maximize"));
+
+    // And "down, then right" with the right button to the next display.
+    auto drawn = runProcess({binary, "--post-stroke", "down,right"}, environment);
+    EXPECT_EQ(drawn.status, 0);
+    EXPECT_EQ(drawn.output, "drew “down,right” with the right button in the running Tavrick's session\n");
+    EXPECT_TRUE(waitForLog(root, "[mouse] mouse gesture ↓→ -> ran 'Move to Next Display'"));
+    auto scribble = runProcess({binary, "--post-stroke", "up,sideways"}, environment);
+    EXPECT_EQ(scribble.status, 1);
+    EXPECT_EQ(scribble.output,
+              "✗ could not draw “up,sideways”: expected: stroke <up|down|left|right,… at most three> or stroke click\n");
     app.signal(SIGINT);
     EXPECT_EQ(app.wait(30), 0) << app.output();
 }

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sstream>
+#include <vector>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -78,10 +79,54 @@ std::optional<Integer> parse(const std::string& text) {
 
 } // namespace
 
+bool SessionBridge::postStroke(EventSystem& session, const std::string& strokes) {
+    // Drawn from the middle of a typical screen, 80 points a stroke, a sample every 8.
+    Point at{400, 300};
+    std::vector<Event> events;
+    auto add = [&](EventType type) {
+        auto event = session.makeMouseEvent(type, at, 1);
+        if (event) events.push_back(*event);
+        return event.has_value();
+    };
+    if (!add(EventType::rightMouseDown)) return false;
+    if (strokes != "click") {
+        std::istringstream list(strokes);
+        std::size_t count = 0;
+        for (std::string word; std::getline(list, word, ',');) {
+            Point step;
+            if (word == "up") {
+                step = {0, -8};
+            } else if (word == "down") {
+                step = {0, 8};
+            } else if (word == "left") {
+                step = {-8, 0};
+            } else if (word == "right") {
+                step = {8, 0};
+            } else {
+                return false;
+            }
+            if (++count > 3) return false;
+            for (int i = 0; i < 10; ++i) {
+                at = {at.x + step.x, at.y + step.y};
+                if (!add(EventType::rightMouseDragged)) return false;
+            }
+        }
+        if (count == 0) return false;
+    }
+    if (!add(EventType::rightMouseUp)) return false;
+    for (const auto& event : events) session.post(event);
+    return true;
+}
+
 std::string SessionBridge::handle(SimulatedSession& session, const std::string& request) {
     std::istringstream words(request);
     std::string verb, key, modifiers, extra;
     words >> verb >> key >> modifiers;
+    if (verb == "stroke") {
+        if (!modifiers.empty()) return "error too many arguments\n";
+        if (!postStroke(session, key)) return "error expected: stroke <up|down|left|right,… at most three> or stroke click\n";
+        return "ok\n";
+    }
     if (verb != "key") return "error unknown request\n";
     if (words >> extra) return "error too many arguments\n";
     auto keyCode = parse<std::uint16_t>(key);
@@ -172,6 +217,21 @@ void SessionBridge::serve() {
 void SessionBridge::setTouchPlayer(TouchPlayer player) {
     std::lock_guard guard(playerLock_);
     touchPlayer_ = std::move(player);
+}
+
+std::optional<std::string> SessionBridge::sendStroke(const std::filesystem::path& socketPath, const std::string& strokes) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return std::string("no Tavrick is listening");
+    std::optional<std::string> failure;
+    if (!writeAll(fd, "stroke " + strokes + "\n")) {
+        failure = "the running Tavrick did not take the request";
+    } else if (auto answer = readLine(fd, 2000); !answer) {
+        failure = "the running Tavrick did not answer";
+    } else if (*answer != "ok") {
+        failure = answer->rfind("error ", 0) == 0 ? answer->substr(6) : *answer;
+    }
+    close(fd);
+    return failure;
 }
 
 std::variant<std::size_t, std::string> SessionBridge::sendTouches(const std::filesystem::path& socketPath,
