@@ -82,10 +82,10 @@ std::optional<EvdevTouchpadSource::Found> EvdevTouchpadSource::find(std::string&
 }
 
 void EvdevTouchpadSource::start() {
-    std::lock_guard guard(lock_);
-    if (running_) return;
+    if (isRunning()) return;
     // A reader that ended on its own (the device went away) is collected first.
-    if (reader_.joinable()) reader_.join();
+    stop();
+    std::lock_guard guard(lock_);
     int fd = ::open(device_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) throw TouchpadError("The touchpad " + device_.string() + " could not be opened: " + std::strerror(errno));
     libevdev* device = nullptr;
@@ -110,6 +110,7 @@ void EvdevTouchpadSource::start() {
         ::close(fd);
         throw TouchpadError(std::string("The touchpad reader could not be made: ") + std::strerror(errno));
     }
+    wakeRead_ = pipeFds[0];
     wakeWrite_ = pipeFds[1];
     running_ = true;
     reader_ = std::thread([this, fd, device, geometry, wake = pipeFds[0]] { run(fd, device, geometry, wake); });
@@ -157,13 +158,14 @@ void EvdevTouchpadSource::run(int fd, void* opaque, TouchpadGeometry geometry, i
     }
 done:
     if (vanished) {
-        Log::gesture.error("The touchpad %s went away; gestures stop until it is back", device_.c_str());
+        Log::gesture.error("The touchpad %s went away; gestures are off until the engines are switched on again", device_.c_str());
         // Whatever was down is up now, so nothing stays held or suppressed.
         deliver(assembler.liftAll(lastTime));
     }
     libevdev_free(device);
     ::close(fd);
-    ::close(wake);
+    // The wake pipe stays open until stop() collects this thread, so that its write never
+    // meets a closed pipe.
     std::lock_guard guard(lock_);
     running_ = false;
 }
@@ -179,20 +181,22 @@ void EvdevTouchpadSource::deliver(const TouchFrame& frame) {
 
 void EvdevTouchpadSource::stop() {
     std::thread reader;
-    int wake;
+    int wakeRead, wakeWrite;
     {
         std::lock_guard guard(lock_);
         reader = std::move(reader_);
-        wake = std::exchange(wakeWrite_, -1);
+        wakeRead = std::exchange(wakeRead_, -1);
+        wakeWrite = std::exchange(wakeWrite_, -1);
     }
-    if (wake >= 0) {
+    if (wakeWrite >= 0) {
         const char byte = 1;
-        [[maybe_unused]] auto written = ::write(wake, &byte, 1);
+        [[maybe_unused]] auto written = ::write(wakeWrite, &byte, 1);
     }
     if (reader.joinable()) reader.join();
-    if (wake >= 0) ::close(wake);
+    if (wakeWrite >= 0) ::close(wakeWrite);
+    if (wakeRead >= 0) ::close(wakeRead);
     std::lock_guard guard(lock_);
-    if (running_) running_ = false;
+    running_ = false;
 }
 
 bool EvdevTouchpadSource::isRunning() const {

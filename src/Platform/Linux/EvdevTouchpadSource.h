@@ -53,6 +53,7 @@ private:
     OnFrame onFrame_;
     bool running_ = false;
     std::thread reader_;
+    int wakeRead_ = -1;
     int wakeWrite_ = -1;
 };
 
