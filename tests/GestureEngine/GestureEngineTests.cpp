@@ -5,6 +5,8 @@
 
 #include <cmath>
 #include <limits>
+#include <atomic>
+#include <thread>
 
 using namespace tavrick;
 using namespace tavrick::testing;
@@ -270,4 +272,37 @@ TEST_F(GestureEngineTest, TheInspectorSeesEveryFrameEvenWhileSuspended) {
     engine.setSuspended(true);
     play({fingers(0, 1), lifted(0.1)});
     EXPECT_EQ(seen, (std::vector<double>{0, 0.1}));
+}
+
+TEST_F(GestureEngineTest, FramesBindingsAndTheSuppressionTapMeetOnlyUnderTheLock) {
+    // The driver's thread, the main thread changing bindings, and the tap's reads, all at once.
+    engine.start();
+    const auto back = gestureMapping("Back", left3);
+    std::atomic<bool> done{false};
+    std::thread driver([&] {
+        double t = 0;
+        for (int hand = 0; hand < 300; ++hand) {
+            for (const auto& frame : {fingers(t, 3), fingers(t + 0.0625, 3), fingers(t + 0.25, 3, 0.375), lifted(t + 0.3125)}) {
+                pad->play({frame});
+            }
+            t += 0.5;
+        }
+        done = true;
+    });
+    std::thread binder([&] {
+        for (int i = 0; !done; ++i) engine.update(i % 2 ? std::vector<Mapping>{back} : std::vector<Mapping>{});
+    });
+    Event systemSwipe;
+    systemSwipe.type = static_cast<EventType>(31);
+    while (!done) {
+        session.post(systemSwipe);
+        ASSERT_TRUE(session.drain());
+    }
+    driver.join();
+    binder.join();
+    // Every hand ended in a lift, so nothing is left swallowed whatever the bindings were.
+    EXPECT_FALSE(engine.isSuppressing());
+    scheduler.runUntilIdle();
+    EXPECT_LE(fired.size(), 300u);
+    EXPECT_EQ(sessionLines().size(), 300u) << "one line a hand, fired or not";
 }
