@@ -32,6 +32,19 @@ Event Event::keyboard(std::uint16_t keyCode, bool keyDown, std::uint64_t flags) 
     return event;
 }
 
+Event Event::mouse(EventType type, Point location, std::int64_t button) {
+    Event event;
+    event.type = type;
+    event.location = location;
+    event.buttonNumber = button;
+    event.clickState = 1;
+    return event;
+}
+
+std::optional<Event> EventSystem::makeMouseEvent(EventType type, Point location, std::int64_t button) {
+    return Event::mouse(type, location, button);
+}
+
 Event Event::notice(EventType type) {
     Event event;
     event.type = type;

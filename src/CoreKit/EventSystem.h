@@ -74,6 +74,8 @@ struct Event {
     void setIntegerValueField(EventField field, std::int64_t value);
 
     static Event keyboard(std::uint16_t keyCode, bool keyDown, std::uint64_t flags = 0);
+    // A mouse button event at `location`; `button` 0 is the left, 1 the right.
+    static Event mouse(EventType type, Point location, std::int64_t button);
     static Event notice(EventType type);
 };
 
@@ -113,6 +115,8 @@ public:
     virtual void post(const Event& event) = 0;
     // Nothing when the system cannot make the event.
     virtual std::optional<Event> makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) = 0;
+    // Nothing when the system cannot make the event. By default every event can be made.
+    virtual std::optional<Event> makeMouseEvent(EventType type, Point location, std::int64_t button);
 
     // Posts a key-down then its key-up with `flags`, as a key pressed and let go. False, and
     // nothing posted, when the events cannot be made.

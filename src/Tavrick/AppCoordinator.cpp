@@ -31,15 +31,23 @@ std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment)
 AppCoordinator::AppCoordinator(AppEnvironment environment)
     : env_(std::move(environment)),
       store_(std::make_unique<MappingStore>(env_.mappingsFile, env_.log, env_.scheduler.clock())),
+      mouseGestures_(std::make_unique<MouseGestureEngine>(env_.events, env_.scheduler)),
       permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
       hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
+      gestures_(std::make_unique<GestureEngine>(env_.touchSource, env_.log, env_.events, env_.scheduler)),
       actions_(std::make_unique<ActionRunner>(env_.log)) {}
 
 AppCoordinator::~AppCoordinator() {
     launchAnnouncement_.cancel();
     hotkeys_->setOnTrigger(nullptr);
     hotkeys_->stop();
+    gestures_->setOnTrigger(nullptr);
+    gestures_->setOnRecognize(nullptr);
+    gestures_->stop();
+    mouseGestures_->setOnGesture(nullptr);
+    mouseGestures_->setOnNote(nullptr);
+    mouseGestures_->stop();
 }
 
 void AppCoordinator::installClosures() {
@@ -47,7 +55,11 @@ void AppCoordinator::installClosures() {
 
     // Engines hear about every change first, in a fixed order, on the calling thread.
     store_->onChange = [weak](const std::vector<Mapping>& mappings) {
-        if (auto self = weak.lock()) self->hotkeys_->update(mappings);
+        auto self = weak.lock();
+        if (!self) return;
+        self->hotkeys_->update(mappings);
+        self->gestures_->update(mappings);
+        self->mouseGestures_->update(mappings);
     };
 
     permissions_->onStateChange = [weak] {
@@ -61,6 +73,21 @@ void AppCoordinator::installClosures() {
         scheduler->async([weak, mapping] {
             if (auto self = weak.lock()) self->runOnMain(mapping);
         });
+    });
+    // The gesture engine already lands on the main queue; the action still runs in a block of
+    // its own, as a shortcut's does.
+    gestures_->setOnTrigger([weak, scheduler](const Mapping& mapping) {
+        scheduler->async([weak, mapping] {
+            if (auto self = weak.lock()) self->runOnMain(mapping);
+        });
+    });
+    gestures_->setOnRecognize([weak, scheduler](const GestureSpec& spec) {
+        scheduler->async([weak, spec] {
+            if (auto self = weak.lock()) self->lastGesture_.set(spec);
+        });
+    });
+    didWake_ = env_.workspace.observe(WorkspaceEvent::didWake, [weak](const WorkspaceNotification&) {
+        if (auto self = weak.lock()) self->gesturesDidWake();
     });
 }
 
@@ -105,9 +132,41 @@ void AppCoordinator::start() {
 
     // 10. The engines get the mappings before they start.
     hotkeys_->update(store_->mappings().get());
+    gestures_->update(store_->mappings().get());
+
+    // 11.
+    startMouseGestures();
 
     // 12.
     startEngines();
+}
+
+void AppCoordinator::startMouseGestures() {
+    mouseGestures_->setFrontmostApp(env_.frontmostBundleID);
+    MouseGestureEngine* engine = mouseGestures_.get();
+    didActivate_ = env_.workspace.observe(WorkspaceEvent::didActivateApplication,
+                                          [engine](const WorkspaceNotification& notification) {
+                                              engine->setFrontmostApp(notification.bundleID);
+                                          });
+    DiagnosticLog* log = &env_.log;
+    mouseGestures_->setOnNote([log](const std::string& text) { log->note("mouse", text); });
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+    mouseGestures_->setOnGesture([weak](const Mapping& mapping) {
+        if (auto self = weak.lock()) self->runOnMain(mapping);
+    });
+    mouseGestures_->update(store_->mappings().get());
+}
+
+void AppCoordinator::gesturesDidWake() {
+    // The trackpad stream does not survive sleep; the taps do.
+    if (!gestures_->isRunning()) return;
+    try {
+        gestures_->restart();
+        env_.log.note("gesture", "woke from sleep — trackpad stream reopened");
+    } catch (const std::exception& error) {
+        Log::gesture.error("Reopening after wake failed: %s", error.what());
+        env_.log.note("gesture", std::string("woke from sleep — could not reopen the trackpad stream: ") + error.what());
+    }
 }
 
 void AppCoordinator::announceLaunch() {
@@ -143,6 +202,7 @@ void AppCoordinator::notify(const std::string& title, const std::string& body,
 void AppCoordinator::startEngines() {
     isRestartingEngines_ = true;
     permissions_->refresh();
+    mouseGestures_->setMasterEnabled(true);
     try {
         hotkeys_->start();
         engineError_.set(std::nullopt);
@@ -155,12 +215,23 @@ void AppCoordinator::startEngines() {
         // that brings the engines up once the user grants the permission.
         permissions_->beginPolling();
     }
+    // Snapping would start here once this build has it.
+    try {
+        gestures_->start();
+        gestureError_.set(std::nullopt);
+    } catch (const std::exception& error) {
+        Log::gesture.error("Gesture engine did not start: %s", error.what());
+        gestureError_.set(std::string(error.what()));
+    }
     isRestartingEngines_ = false;
 }
 
 void AppCoordinator::stopEngines() {
     hotkeys_->stop();
+    gestures_->stop();
+    mouseGestures_->setMasterEnabled(false);
     engineError_.set(std::nullopt);
+    gestureError_.set(std::nullopt);
 }
 
 void AppCoordinator::setEnabled(bool enabled) {

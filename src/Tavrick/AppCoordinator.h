@@ -12,7 +12,9 @@
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/UserNotifications.h"
 #include "CoreKit/WorkspaceNotifications.h"
+#include "GestureEngine/GestureEngine.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "MouseGestureKit/MouseGestureEngine.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -40,6 +42,10 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
+    // Where touch frames come from; null means the trackpad service's own source.
+    std::shared_ptr<TouchSource> touchSource = nullptr;
+    // The application in front at start, before the first activation is announced.
+    std::optional<std::string> frontmostBundleID = std::nullopt;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -64,6 +70,11 @@ public:
 
     // The last failure to start the hotkey engine.
     const Observable<std::optional<std::string>>& engineError() const { return engineError_; }
+    // The last failure to start the gesture engine.
+    const Observable<std::optional<std::string>>& gestureError() const { return gestureError_; }
+    // The last gesture the trackpad recognised, for the bindings pane.
+    const Observable<std::optional<GestureSpec>>& lastGesture() const { return lastGesture_; }
+    void clearLastGesture() { lastGesture_.set(std::nullopt); }
     // Which permission keeps the engines from starting, while one does.
     std::optional<Permission> blockingPermission() const;
 
@@ -71,6 +82,8 @@ public:
     PermissionsMonitor& permissions() { return *permissions_; }
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
+    GestureEngine& gestures() { return *gestures_; }
+    MouseGestureEngine& mouseGestures() { return *mouseGestures_; }
     ActionRunner& actions() { return *actions_; }
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
@@ -85,17 +98,25 @@ private:
     void announceLaunch();
     void runOnMain(const Mapping& mapping);
     void permissionsDidChange();
+    void startMouseGestures();
+    void gesturesDidWake();
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
+    std::unique_ptr<MouseGestureEngine> mouseGestures_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
+    std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;
+    Observable<std::optional<std::string>> gestureError_;
+    Observable<std::optional<GestureSpec>> lastGesture_;
+    Observation didWake_;
+    Observation didActivate_;
     bool isRestartingEngines_ = false;
     bool started_ = false;
     Cancellable launchAnnouncement_;

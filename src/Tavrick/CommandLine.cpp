@@ -46,6 +46,8 @@ const char* spelling(DiagnosticFlag flag) {
     case DiagnosticFlag::touchIDProbe: return "--touchid-probe";
     case DiagnosticFlag::tapProbe: return "--tap-probe";
     case DiagnosticFlag::fanProbe: return "--fan-probe";
+    case DiagnosticFlag::playTouches: return "--play-touches";
+    case DiagnosticFlag::postStroke: return "--post-stroke";
     }
     return "";
 }
@@ -55,7 +57,8 @@ const std::vector<DiagnosticFlag>& allFlags() {
         DiagnosticFlag::diagnose,        DiagnosticFlag::postKey,      DiagnosticFlag::renderIcons,
         DiagnosticFlag::probeSelection,  DiagnosticFlag::log,          DiagnosticFlag::tapSelfTest,
         DiagnosticFlag::mouseRecorderSelfTest, DiagnosticFlag::vaultSelfTest, DiagnosticFlag::touchIDProbe,
-        DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,
+        DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,     DiagnosticFlag::playTouches,
+        DiagnosticFlag::postStroke,
     };
     return flags;
 }
@@ -110,6 +113,24 @@ std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments
                         text);
             }
             command.seconds = parsed.value_or(fallback);
+            break;
+        }
+        case DiagnosticFlag::playTouches: {
+            const std::string* file = argument(1);
+            if (!file || file->empty()) {
+                problem("--play-touches needs a touchpad recording; ignoring it");
+                continue;
+            }
+            command.file = *file;
+            break;
+        }
+        case DiagnosticFlag::postStroke: {
+            const std::string* strokes = argument(1);
+            if (!strokes || strokes->empty()) {
+                problem("--post-stroke needs strokes such as up,left or the word click; ignoring it");
+                continue;
+            }
+            command.strokes = *strokes;
             break;
         }
         case DiagnosticFlag::fanProbe: {

@@ -21,6 +21,10 @@ enum class DiagnosticFlag {
     touchIDProbe,
     tapProbe,
     fanProbe,
+    // Plays a touchpad recording into a running Tavrick's simulated trackpad.
+    playTouches,
+    // Draws a right-button stroke in a running Tavrick's session.
+    postStroke,
 };
 
 struct DiagnosticCommand {
@@ -28,6 +32,8 @@ struct DiagnosticCommand {
     std::uint16_t keyCode = 0;        // postKey
     std::int64_t modifiers = 0;       // postKey
     std::string folder;               // renderIcons
+    std::string file;                 // playTouches
+    std::string strokes;              // postStroke
     double seconds = 0;               // probeSelection, tapProbe
     std::optional<double> boostSeconds;  // fanProbe
     bool release = false;             // fanProbe

@@ -3,11 +3,16 @@
 #include "CoreKit/KeyCodes.h"
 #include "CoreKit/MappingStore.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "MouseGestureKit/MouseGestureEngine.h"
+#include "MouseGestureKit/RecordingPad.h"
+#include "CoreKit/FileIO.h"
+#include "Platform/Linux/EvdevTouchAssembler.h"
 #include "Platform/Simulated/SessionBridge.h"
 
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -181,12 +186,146 @@ int runTapProbeAndExit(Context& context, double listenSeconds) {
     return 0;
 }
 
+bool postRightDrag(EventSystem& events, Point from, Point to, int steps) {
+    std::vector<Event> drag;
+    auto down = events.makeMouseEvent(EventType::rightMouseDown, from, 1);
+    if (!down) return false;
+    drag.push_back(*down);
+    for (int step = 1; step <= steps; ++step) {
+        const double t = static_cast<double>(step) / steps;
+        auto moved = events.makeMouseEvent(EventType::rightMouseDragged,
+                                           Point{from.x + (to.x - from.x) * t, from.y + (to.y - from.y) * t}, 1);
+        if (!moved) return false;
+        drag.push_back(*moved);
+    }
+    auto up = events.makeMouseEvent(EventType::rightMouseUp, to, 1);
+    if (!up) return false;
+    drag.push_back(*up);
+    for (const auto& event : drag) events.post(event);
+    return true;
+}
+
+int runMouseRecorderSelfTestAndExit(Context& context) {
+    auto& out = context.out;
+    out << "Mouse recorder self-test\n";
+
+    // The pad is the application in front: it reads whatever right-button events reach it.
+    RecordingPad pad;
+    context.session.setOnDeliver([&pad](const Event& event) { pad.handle(event); });
+    struct Detach {
+        SimulatedSession& session;
+        ~Detach() { session.setOnDeliver(nullptr); }
+    } detach{context.session};
+
+    MouseGestureEngine engine(context.session, context.scheduler);
+    std::mutex mutex;
+    std::vector<std::string> notes;
+    engine.setOnNote([&](const std::string& text) {
+        std::lock_guard lock(mutex);
+        notes.push_back(text);
+    });
+    // A shape the drag below does not draw, so that the engine has a reason to watch.
+    Mapping mapping;
+    mapping.id = UUID::random();
+    mapping.name = "Self-test ↑←";
+    mapping.trigger = Trigger::mouseGesture(MouseGestureSpec{{GestureDirection::up, GestureDirection::left}});
+    mapping.action = ActionSpec::toggleAwake();
+    engine.setMasterEnabled(true);
+    engine.update({mapping});
+    if (!engine.isRunning()) {
+        std::lock_guard lock(mutex);
+        for (const auto& note : notes) out << "  " << note << "\n";
+        out << "✗ the tap never started, so this proves nothing about routing.\n"
+               "  Grant Accessibility, quit any other copy, and run it again.\n";
+        return 1;
+    }
+
+    const Point from{400, 300}, to{520, 300};
+    auto drawOnce = [&]() -> std::optional<std::vector<GestureDirection>> {
+        pad.clear();
+        if (!postRightDrag(context.session, from, to)) return std::nullopt;
+        context.session.drain();
+        std::vector<GestureDirection> strokes;
+        for (const auto& drag : pad.heard()) strokes.insert(strokes.end(), drag.begin(), drag.end());
+        return strokes;
+    };
+
+    engine.setSuspended(true);
+    const auto standingDown = drawOnce();
+    engine.setSuspended(false);
+    const auto watching = standingDown ? drawOnce() : std::nullopt;
+    engine.stop();
+    if (!standingDown || !watching) {
+        out << "✗ could not synthesise the event\n";
+        return 1;
+    }
+    out << "standing down — pad heard: " << RecordingPad::describe(*standingDown) << "\n";
+    out << "watching      — pad heard: " << RecordingPad::describe(*watching) << "\n";
+
+    const std::vector<GestureDirection> expected{GestureDirection::right};
+    if (*standingDown != expected) {
+        out << "✗ Standing down, the pad did NOT read the drag. Expected [right].\n"
+               "  Either the suspension is not reaching the tap, or something\n"
+               "  else in the session is swallowing right-button events.\n";
+        return 1;
+    }
+    if (!watching->empty()) {
+        out << "✗ Watching, the pad still read " << RecordingPad::describe(*watching) << "\n"
+            << "  not holding the press, so this build cannot reproduce the bug\n"
+               "  and the result above proves less than it appears to.\n";
+        return 1;
+    }
+    out << "✓ Standing down, the pad reads the drag. Watching, the tap takes it\n"
+           "  first — which is what made a second gesture impossible to add.\n";
+    return 0;
+}
+
+int playTouchesAndExit(Context& context, const std::filesystem::path& recording) {
+    auto& out = context.out;
+    // Read here first, so that a bad file is told in this terminal, not only in the other one.
+    int error = 0;
+    auto text = FileIO::readAll(recording, error);
+    if (!text) {
+        out << "✗ cannot read " << recording.string() << ": " << std::strerror(error) << "\n";
+        return 1;
+    }
+    std::size_t frames = 0;
+    try {
+        frames = TouchpadRecording::parse(*text).frames().size();
+    } catch (const std::exception& failure) {
+        out << "✗ " << failure.what() << "\n";
+        return 1;
+    }
+    std::error_code ignored;
+    auto answer = SessionBridge::sendTouches(context.sessionSocket, std::filesystem::absolute(recording, ignored));
+    if (auto* failure = std::get_if<std::string>(&answer)) {
+        out << "✗ " << frames << " frame(s) not played: " << *failure << "\n";
+        return 1;
+    }
+    out << "played " << std::get<std::size_t>(answer) << " frame(s) of " << recording.filename().string()
+        << " into the running Tavrick's trackpad\n";
+    return 0;
+}
+
+int postStrokeAndExit(Context& context, const std::string& strokes) {
+    auto failure = SessionBridge::sendStroke(context.sessionSocket, strokes);
+    if (failure) {
+        context.out << "✗ could not draw “" << strokes << "”: " << *failure << "\n";
+        return 1;
+    }
+    context.out << "drew “" << strokes << "” with the right button in the running Tavrick's session\n";
+    return 0;
+}
+
 int run(Context& context, const DiagnosticCommand& command) {
     switch (command.flag) {
     case DiagnosticFlag::postKey: return postKeyAndExit(context, command.keyCode, command.modifiers);
     case DiagnosticFlag::log: return printLogAndExit(context);
     case DiagnosticFlag::tapSelfTest: return runTapSelfTestAndExit(context);
     case DiagnosticFlag::tapProbe: return runTapProbeAndExit(context, command.seconds);
+    case DiagnosticFlag::mouseRecorderSelfTest: return runMouseRecorderSelfTestAndExit(context);
+    case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
+    case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

@@ -31,6 +31,14 @@ int printLogAndExit(Context& context);
 int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifiers);
 int runTapSelfTestAndExit(Context& context);
 int runTapProbeAndExit(Context& context, double seconds);
+int runMouseRecorderSelfTestAndExit(Context& context);
+// Sends a touchpad recording to a running Tavrick, whose simulated trackpad plays it.
+int playTouchesAndExit(Context& context, const std::filesystem::path& recording);
+// Draws a right-button stroke in a running Tavrick's session, as a user's mouse would.
+int postStrokeAndExit(Context& context, const std::string& strokes);
+// A right-button press at `from`, drags in `steps` even steps, and the release at `to`. False, and
+// nothing posted, when the events cannot be made.
+bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

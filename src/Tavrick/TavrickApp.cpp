@@ -9,6 +9,8 @@
 #include "CoreKit/Log.h"
 #include "CoreKit/Toast.h"
 #include "MonitorKit/ProcessFootprint.h"
+#include "GestureEngine/MultitouchSource.h"
+#include "Platform/Linux/EvdevTouchpadSource.h"
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
@@ -20,6 +22,7 @@
 #include "Platform/Linux/TerminationSignals.h"
 #include "Platform/Simulated/SessionBridge.h"
 #include "Platform/Simulated/SimulatedSession.h"
+#include "Platform/Simulated/SimulatedTrackpad.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/AppDelegate.h"
 #include "Tavrick/CommandLine.h"
@@ -36,6 +39,25 @@ constexpr double deferredStartSeconds = 3.0;
 
 std::filesystem::path sessionSocketPath() {
     return supportDirectory() / "session.sock";
+}
+
+// A touchpad this user can read, else the trackpad service where it exists, else the simulated
+// trackpad; the log says which and why.
+std::shared_ptr<TouchSource> chooseTouchSource(DiagnosticLog& log, std::string& described) {
+    std::string why;
+    if (auto found = EvdevTouchpadSource::find(why)) {
+        described = "touchpad “" + found->name + "” at " + found->path.string();
+        log.note("gesture", "reading the " + described);
+        return std::make_shared<EvdevTouchpadSource>(found->path);
+    }
+    if (std::filesystem::exists(MultitouchSource::frameworkPath)) {
+        described = "the system multitouch service";
+        log.note("gesture", "reading the system multitouch service");
+        return std::make_shared<MultitouchSource>();
+    }
+    described = "the simulated trackpad (" + why + ")";
+    log.note("gesture", "reading the simulated trackpad: " + why);
+    return std::make_shared<SimulatedTrackpad>();
 }
 } // namespace
 
@@ -103,6 +125,9 @@ int TavrickApp::main(int argc, char** argv) {
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
 
+    std::string touchSourceDescription;
+    auto touchSource = chooseTouchSource(log, touchSourceDescription);
+
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
@@ -119,12 +144,15 @@ int TavrickApp::main(int argc, char** argv) {
         .version = AppInfo::version(),
         .build = AppInfo::build(),
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
+        .touchSource = touchSource,
+        .frontmostBundleID = std::nullopt,
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
               << "  log      : " << log.fileURL().string() << "\n"
               << "  mappings : " << mappingsFile.string() << "\n"
               << "  settings : " << defaultsFile.string() << "\n"
+              << "  gestures : " << touchSourceDescription << "\n"
               << std::flush;
 
     AppearanceController::setApplier(std::make_shared<TerminalAppearance>(log));
@@ -132,6 +160,12 @@ int TavrickApp::main(int argc, char** argv) {
     auto bridge = SessionBridge::listen(session, sessionSocketPath());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
+        if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
+            bridge->setTouchPlayer([trackpad](const std::filesystem::path& recording) {
+                return trackpad->playRecording(recording);
+            });
+            std::cout << "  touches  : tavrick --play-touches <recording> plays into this trackpad\n" << std::flush;
+        }
     }
 
     while (!terminationRequested) {

@@ -39,7 +39,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
 TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     TempDir root;
     const std::vector<std::vector<std::string>> commands = {
-        {"--diagnose"},       {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"}, {"--mouse-recorder-selftest"},
+        {"--diagnose"},       {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"},
         {"--vault-selftest"}, {"--touchid-probe"},          {"--fan-probe", "release"},
     };
     for (const auto& command : commands) {
@@ -55,6 +55,57 @@ TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     EXPECT_EQ(result.output,
               "tavrick[core] notice: --probe-selection: “abc” is not a number of seconds; using 5\n"
               "--probe-selection is not available in this build yet.\n");
+}
+
+TEST(EndToEnd, MouseRecorderSelfTestEndsWithItsTick) {
+    TempDir root;
+    auto result = runProcess({binary, "--mouse-recorder-selftest"}, isolatedEnvironment(root.path()));
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_EQ(result.output,
+              "Mouse recorder self-test\n"
+              "standing down — pad heard: [right]\n"
+              "watching      — pad heard: []\n"
+              "✓ Standing down, the pad reads the drag. Watching, the tap takes it\n"
+              "  first — which is what made a second gesture impossible to add.\n");
+}
+
+TEST(EndToEnd, ARecordedSwipePlayedIntoTheRunningTrackpadFiresItsMapping) {
+    TempDir root;
+    const auto environment = isolatedEnvironment(root.path());
+    const std::string recordings = std::string(TAVRICK_SOURCE_DIR) + "/resources/touchpad/";
+
+    auto nobody = runProcess({binary, "--play-touches", recordings + "three-finger-swipe-up.txt"}, environment);
+    EXPECT_EQ(nobody.status, 1);
+    EXPECT_EQ(nobody.output, "✗ 32 frame(s) not played: no Tavrick is listening\n");
+    auto broken = runProcess({binary, "--play-touches", TAVRICK_SOURCE_DIR "/README.md"}, environment);
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_TRUE(broken.output.ends_with(" of the touchpad recording: expected “E:” or “#”\n")) << broken.output;
+
+    ChildProcess app({binary}, environment);
+    ASSERT_TRUE(app.waitForOutput("Tavrick is running", 30)) << app.output();
+    if (app.output().find("  gestures : the simulated trackpad (") == std::string::npos) {
+        app.signal(SIGINT);
+        app.wait(30);
+        GTEST_SKIP() << "this machine has a touchpad the program reads instead: " << app.output();
+    }
+    auto played = runProcess({binary, "--play-touches", recordings + "three-finger-swipe-up.txt"}, environment);
+    EXPECT_EQ(played.status, 0);
+    EXPECT_EQ(played.output, "played 32 frame(s) of three-finger-swipe-up.txt into the running Tavrick's trackpad\n");
+    // The seed mappings bind a three-finger swipe up to Maximize.
+    EXPECT_TRUE(waitForLog(root, "-> 3-finger swipe up -> ran 'Maximize' (Maximize)"));
+    EXPECT_TRUE(waitForLog(root, "[action] running Maximize"));
+
+    // And "down, then right" with the right button to the next display.
+    auto drawn = runProcess({binary, "--post-stroke", "down,right"}, environment);
+    EXPECT_EQ(drawn.status, 0);
+    EXPECT_EQ(drawn.output, "drew “down,right” with the right button in the running Tavrick's session\n");
+    EXPECT_TRUE(waitForLog(root, "[mouse] mouse gesture ↓→ -> ran 'Move to Next Display'"));
+    auto scribble = runProcess({binary, "--post-stroke", "up,sideways"}, environment);
+    EXPECT_EQ(scribble.status, 1);
+    EXPECT_EQ(scribble.output,
+              "✗ could not draw “up,sideways”: expected: stroke <up|down|left|right,… at most three> or stroke click\n");
+    app.signal(SIGINT);
+    EXPECT_EQ(app.wait(30), 0) << app.output();
 }
 
 TEST(EndToEnd, EmptyLogSaysWhereItWouldBe) {

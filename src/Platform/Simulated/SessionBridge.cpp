@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sstream>
+#include <vector>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -78,10 +79,54 @@ std::optional<Integer> parse(const std::string& text) {
 
 } // namespace
 
+bool SessionBridge::postStroke(EventSystem& session, const std::string& strokes) {
+    // Drawn from the middle of a typical screen, 80 points a stroke, a sample every 8.
+    Point at{400, 300};
+    std::vector<Event> events;
+    auto add = [&](EventType type) {
+        auto event = session.makeMouseEvent(type, at, 1);
+        if (event) events.push_back(*event);
+        return event.has_value();
+    };
+    if (!add(EventType::rightMouseDown)) return false;
+    if (strokes != "click") {
+        std::istringstream list(strokes);
+        std::size_t count = 0;
+        for (std::string word; std::getline(list, word, ',');) {
+            Point step;
+            if (word == "up") {
+                step = {0, -8};
+            } else if (word == "down") {
+                step = {0, 8};
+            } else if (word == "left") {
+                step = {-8, 0};
+            } else if (word == "right") {
+                step = {8, 0};
+            } else {
+                return false;
+            }
+            if (++count > 3) return false;
+            for (int i = 0; i < 10; ++i) {
+                at = {at.x + step.x, at.y + step.y};
+                if (!add(EventType::rightMouseDragged)) return false;
+            }
+        }
+        if (count == 0) return false;
+    }
+    if (!add(EventType::rightMouseUp)) return false;
+    for (const auto& event : events) session.post(event);
+    return true;
+}
+
 std::string SessionBridge::handle(SimulatedSession& session, const std::string& request) {
     std::istringstream words(request);
     std::string verb, key, modifiers, extra;
     words >> verb >> key >> modifiers;
+    if (verb == "stroke") {
+        if (!modifiers.empty()) return "error too many arguments\n";
+        if (!postStroke(session, key)) return "error expected: stroke <up|down|left|right,… at most three> or stroke click\n";
+        return "ok\n";
+    }
     if (verb != "key") return "error unknown request\n";
     if (words >> extra) return "error too many arguments\n";
     auto keyCode = parse<std::uint16_t>(key);
@@ -153,9 +198,61 @@ void SessionBridge::serve() {
         if (!(fds[0].revents & POLLIN)) continue;
         int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) continue;
-        if (auto line = readLine(client, 1000)) writeAll(client, handle(session_, *line));
+        if (auto line = readLine(client, 1000)) {
+            if (line->rfind("touches ", 0) == 0) {
+                TouchPlayer player;
+                {
+                    std::lock_guard guard(playerLock_);
+                    player = touchPlayer_;
+                }
+                writeAll(client, player ? player(line->substr(8)) : "error this Tavrick has no simulated trackpad\n");
+            } else {
+                writeAll(client, handle(session_, *line));
+            }
+        }
         close(client);
     }
+}
+
+void SessionBridge::setTouchPlayer(TouchPlayer player) {
+    std::lock_guard guard(playerLock_);
+    touchPlayer_ = std::move(player);
+}
+
+std::optional<std::string> SessionBridge::sendStroke(const std::filesystem::path& socketPath, const std::string& strokes) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return std::string("no Tavrick is listening");
+    std::optional<std::string> failure;
+    if (!writeAll(fd, "stroke " + strokes + "\n")) {
+        failure = "the running Tavrick did not take the request";
+    } else if (auto answer = readLine(fd, 2000); !answer) {
+        failure = "the running Tavrick did not answer";
+    } else if (*answer != "ok") {
+        failure = answer->rfind("error ", 0) == 0 ? answer->substr(6) : *answer;
+    }
+    close(fd);
+    return failure;
+}
+
+std::variant<std::size_t, std::string> SessionBridge::sendTouches(const std::filesystem::path& socketPath,
+                                                                  const std::filesystem::path& recording) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return std::string("no Tavrick is listening");
+    std::variant<std::size_t, std::string> result = std::string("the running Tavrick did not take the request");
+    // Playing takes as long as the recording's frames take to deliver, which is quick.
+    if (writeAll(fd, "touches " + recording.string() + "\n")) {
+        auto answer = readLine(fd, 10000);
+        if (!answer) {
+            result = std::string("the running Tavrick did not answer");
+        } else if (answer->rfind("ok ", 0) == 0) {
+            auto frames = parse<std::size_t>(answer->substr(3));
+            result = frames ? std::variant<std::size_t, std::string>(*frames) : std::string("an answer that is not a count");
+        } else {
+            result = answer->rfind("error ", 0) == 0 ? answer->substr(6) : *answer;
+        }
+    }
+    close(fd);
+    return result;
 }
 
 bool SessionBridge::isListening(const std::filesystem::path& socketPath) {

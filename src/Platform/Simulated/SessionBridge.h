@@ -5,6 +5,9 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <mutex>
+#include <variant>
 #include <optional>
 #include <string>
 #include <thread>
@@ -17,7 +20,10 @@ namespace tavrick {
 // press, which then travels through the application's taps like a key the user pressed.
 //
 // The protocol is one line a request, "key <keyCode> <modifiers>\n", answered with "ok\n" or
-// "error <reason>\n".
+// "error <reason>\n". "touches <path>\n" plays a touchpad recording into the application's
+// simulated trackpad, when it has one, and is answered "ok <frames>\n". "stroke <directions>\n"
+// draws with the right button: up to three of up, down, left and right joined by commas, or
+// "click" for a right click that does not move.
 class SessionBridge {
 public:
     // Starts listening; nothing (and a log line) when the socket cannot be made. A stale socket
@@ -33,6 +39,20 @@ public:
     // otherwise the reason.
     static std::optional<std::string> sendKey(const std::filesystem::path& socketPath, std::uint16_t keyCode,
                                               std::int64_t modifiers);
+
+    // Sends one right-button stroke ("up,left", or "click"). Nothing on success, otherwise the reason.
+    static std::optional<std::string> sendStroke(const std::filesystem::path& socketPath, const std::string& strokes);
+    // The right-button drag of a stroke text, posted into `session`; false when the text is not
+    // one or the events cannot be made.
+    static bool postStroke(EventSystem& session, const std::string& strokes);
+
+    // Asks whoever listens at `socketPath` to play the touchpad recording at `recording`. The
+    // number of frames played, or the reason it did not happen.
+    static std::variant<std::size_t, std::string> sendTouches(const std::filesystem::path& socketPath,
+                                                              const std::filesystem::path& recording);
+    // Answers "touches" requests; without it they are refused. Set before requests arrive.
+    using TouchPlayer = std::function<std::string(const std::filesystem::path& recording)>;
+    void setTouchPlayer(TouchPlayer player);
 
     // Whether a live process listens at `socketPath`: a running copy of Tavrick.
     static bool isListening(const std::filesystem::path& socketPath);
@@ -50,6 +70,8 @@ private:
     int wakeRead_;
     int wakeWrite_;
     std::thread thread_;
+    std::mutex playerLock_;
+    TouchPlayer touchPlayer_;
 };
 
 } // namespace tavrick

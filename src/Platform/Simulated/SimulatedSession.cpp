@@ -288,6 +288,12 @@ std::optional<Event> SimulatedSession::makeKeyboardEvent(std::uint16_t keyCode, 
     return Event::keyboard(keyCode, keyDown);
 }
 
+std::optional<Event> SimulatedSession::makeMouseEvent(EventType type, Point location, std::int64_t button) {
+    std::lock_guard lock(core_->mutex);
+    if (!core_->eventCreationAllowed) return std::nullopt;
+    return Event::mouse(type, location, button);
+}
+
 void SimulatedSession::setTapCreationAllowed(bool allowed) {
     std::lock_guard lock(core_->mutex);
     core_->tapCreationAllowed = allowed;

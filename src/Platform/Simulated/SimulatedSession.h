@@ -48,6 +48,8 @@ public:
     void removeTap(TapHandle tap) override;
     void post(const Event& event) override;
     std::optional<Event> makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) override;
+    // Refused, like keys, while event creation is not allowed.
+    std::optional<Event> makeMouseEvent(EventType type, Point location, std::int64_t button) override;
 
     // Scripting, from any thread.
     void setTapCreationAllowed(bool allowed);
