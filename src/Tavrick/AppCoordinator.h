@@ -13,6 +13,9 @@
 #include "CoreKit/UserNotifications.h"
 #include "CoreKit/WorkspaceNotifications.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "NetKit/FilterController.h"
+#include "NetKit/FlowMonitor.h"
+#include "NetKit/NetworkPorts.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -40,6 +43,7 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
+    NetworkPorts network;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -72,6 +76,13 @@ public:
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
+    FilterController& filter() { return *filter_; }
+    FlowMonitor& flows() { return *flows_; }
+
+    // Applies the network settings to the watcher.
+    void syncFlowSettings();
+    // Turns the network watcher on or off and stores the choice.
+    void setNetworkMonitor(bool enabled);
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -85,6 +96,7 @@ private:
     void announceLaunch();
     void runOnMain(const Mapping& mapping);
     void permissionsDidChange();
+    void networkMonitorChanged(bool enabled);
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
@@ -93,11 +105,15 @@ private:
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<ActionRunner> actions_;
+    std::unique_ptr<FilterController> filter_;
+    std::shared_ptr<FlowMonitor> flows_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;
     bool isRestartingEngines_ = false;
     bool started_ = false;
+    bool holdsFlowWatcher_ = false;
+    std::vector<Observation> networkObservations_;
     Cancellable launchAnnouncement_;
 };
 
