@@ -4,6 +4,7 @@
 #include <openssl/sha.h>
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 namespace tavrick {
@@ -93,7 +94,12 @@ void SeenStore::evictApps() {
 nlohmann::json SeenStore::toJSON() const {
     nlohmann::json apps = nlohmann::json::object();
     for (auto& [path, entry] : apps_) {
-        apps[path] = nlohmann::json{{"hosts", entry.hosts()}, {"lastSeen", entry.lastSeen}};
+        nlohmann::json lastSeen = entry.lastSeen;
+        // Whole seconds are written without a fraction.
+        if (std::floor(entry.lastSeen) == entry.lastSeen && std::fabs(entry.lastSeen) < 9.0e15) {
+            lastSeen = static_cast<std::int64_t>(entry.lastSeen);
+        }
+        apps[path] = nlohmann::json{{"hosts", entry.hosts()}, {"lastSeen", std::move(lastSeen)}};
     }
     return nlohmann::json{{"version", version_}, {"apps", std::move(apps)}};
 }
