@@ -43,7 +43,7 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
-    NetworkPorts network;
+    NetworkPorts network{};
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
