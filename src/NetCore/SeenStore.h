@@ -5,6 +5,8 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -31,12 +33,21 @@ public:
 
     private:
         friend class SeenStore;
-        void append(std::uint64_t digest);
+        // False, and nothing added, when the digest is there already.
+        bool append(std::uint64_t digest);
         void dropOldest();
         // Dropping from the front moves nothing until enough has gathered, so a full app's
         // record stays cheap.
         std::vector<std::uint64_t> digests_;
         std::size_t dropped_ = 0;
+        // The same digests by value, so that a full app answers in constant time: open
+        // addressing over the digests' own bits (they are uniform already), linear probing,
+        // at most half full. 0 marks a free slot; digest 0 is kept as 1.
+        std::vector<std::uint64_t> slots_;
+        std::size_t used_ = 0;
+        bool indexInsert(std::uint64_t digest);
+        void indexErase(std::uint64_t digest);
+        void rehash(std::size_t capacity);
     };
 
     SeenStore() = default;
@@ -56,13 +67,18 @@ public:
     int version() const { return version_; }
     // The file's form; every key is required on the way in.
     nlohmann::json toJSON() const;
-    // Throws `std::runtime_error` (or a JSON error) for anything that is not the file's form.
-    static SeenStore fromJSON(const nlohmann::json& json);
+    // Throws `std::runtime_error` (or a JSON error) for anything that is
+    // not the file's form.
+    static SeenStore fromText(std::string_view text);
+    // The same, reading the file straight into the parser's buffer. Nothing when the file
+    // cannot be read, with `error` set to the errno.
+    static std::optional<SeenStore> fromFile(const std::filesystem::path& path, int& error);
 
     bool operator==(const SeenStore& other) const;
 
 private:
     void evictApps();
+    static SeenStore decode(const void* parsedRoot);
     std::unordered_map<std::string, Record> apps_;
     int version_ = schemaVersion;
 };

@@ -24,12 +24,12 @@ std::filesystem::path SeenFile::corruptPath(long long seconds) const {
 }
 
 SeenStore SeenFile::load() const {
-    int error = 0;
-    auto text = FileIO::readAll(url, error);
-    // A missing file is the normal first run.
-    if (!text) return SeenStore{};
     try {
-        return SeenStore::fromJSON(nlohmann::json::parse(*text));
+        int error = 0;
+        auto store = SeenStore::fromFile(url, error);
+        // A missing file is the normal first run.
+        if (!store) return SeenStore{};
+        return std::move(*store);
     } catch (const std::exception& failure) {
         const auto seconds = static_cast<long long>(std::floor(now ? now() : 0));
         // The moved-aside name drops the extension, as "network-seen.corrupt-<seconds>"; a

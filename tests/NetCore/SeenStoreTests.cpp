@@ -86,7 +86,7 @@ TEST(SeenStore, JSONRoundTripsWithIntegralDigests) {
     auto json = store.toJSON();
     EXPECT_EQ(json.dump(), R"({"apps":{"/usr/bin/curl":{"hosts":[11779629879860902309,)" +
                                std::to_string(SeenStore::digest("b")) + R"(],"lastSeen":1700000001}},"version":1})");
-    EXPECT_EQ(SeenStore::fromJSON(json), store);
+    EXPECT_EQ(SeenStore::fromText(json.dump()), store);
 }
 
 TEST(SeenStore, DecodingRejectsEveryMissingOrMistypedKey) {
@@ -104,8 +104,34 @@ TEST(SeenStore, DecodingRejectsEveryMissingOrMistypedKey) {
         R"([])",
     };
     for (const char* text : bad) {
-        EXPECT_ANY_THROW(SeenStore::fromJSON(nlohmann::json::parse(text))) << text;
+        EXPECT_ANY_THROW(SeenStore::fromText(text)) << text;
     }
-    auto ok = SeenStore::fromJSON(nlohmann::json::parse(R"({"version":1,"apps":{"/x":{"hosts":[1,2],"lastSeen":3}}})"));
+    auto ok = SeenStore::fromText(R"({"version":1,"apps":{"/x":{"hosts":[1,2],"lastSeen":3}}})");
     EXPECT_EQ(ok.hostCount(AppKey{"/x", ""}), 2u);
+}
+
+TEST(SeenStore, AFileBeyondTheBoundsIsCutToThemOnLoad) {
+    nlohmann::json hosts = nlohmann::json::array();
+    for (std::uint64_t i = 1; i <= 4100; ++i) hosts.push_back(i);
+    hosts.push_back(4100);  // a repeat counts once
+    nlohmann::json apps = nlohmann::json::object();
+    apps["/big"] = {{"hosts", hosts}, {"lastSeen", 5000}, {"note", {1, 2}}};
+    for (int i = 0; i < 130; ++i) apps["/app/" + std::to_string(i)] = {{"hosts", {7}}, {"lastSeen", i}};
+    auto store = SeenStore::fromText(nlohmann::json{{"version", 1}, {"apps", apps}, {"later", {{"x", 1}}}}.dump());
+    EXPECT_EQ(store.appCount(), 128u);
+    // The three stalest small apps went; the busy one stayed, with its newest 4096 digests.
+    EXPECT_FALSE(store.knowsApp(AppKey{"/app/2", ""}));
+    EXPECT_TRUE(store.knowsApp(AppKey{"/app/3", ""}));
+    auto big = store.record("/big")->hosts();
+    ASSERT_EQ(big.size(), 4096u);
+    EXPECT_EQ(big.front(), 5u);
+    EXPECT_EQ(big.back(), 4100u);
+}
+
+TEST(SeenStore, DigestsZeroAndOneShareASlotAndCountOnce) {
+    // The index marks free slots with 0, so a digest of 0 is kept as 1; the two (one chance in
+    // 2^63 for a real host) are taken for the same host.
+    auto store = SeenStore::fromText(R"({"version":1,"apps":{"/x":{"hosts":[0,1,2],"lastSeen":1}}})");
+    auto hosts = store.record("/x")->hosts();
+    EXPECT_EQ(hosts, (std::vector<std::uint64_t>{0, 2}));
 }
