@@ -23,10 +23,16 @@ std::string Alert::body() const {
         text = "Connected to " + list + ".";
     } else {
         // The plural stays as it is for a single host whose name was cut away.
-        text = "Reached " + std::to_string(hostCount) + " new hosts.";
+        text = "Reached ";
+        text += std::to_string(hostCount);
+        text += " new hosts.";
         if (!hosts.empty()) text += " First was " + hosts[0] + ".";
     }
-    if (suppressed >= 1) text += " " + std::to_string(suppressed) + " more went unreported while quiet.";
+    if (suppressed >= 1) {
+        text += ' ';
+        text += std::to_string(suppressed);
+        text += " more went unreported while quiet.";
+    }
     return text;
 }
 
