@@ -81,6 +81,9 @@ void FlowMonitor::start() {
                                            auto self = weak.lock();
                                            if (!self) return;
                                            self->names_[address] = name;
+                                           // Names of connections long gone go first; the
+                                           // resolver's cache still has them for a while.
+                                           if (self->names_.size() > ResolverCache::capacity) self->pruneNames();
                                            self->engine_.rename(address, name);
                                            self->rebuild();
                                        });
@@ -190,6 +193,14 @@ std::string FlowMonitor::label(const std::string& address) {
     if (auto it = names_.find(address); it != names_.end()) return it->second;
     if (resolver_) return resolver_->label(address);
     return address;
+}
+
+void FlowMonitor::pruneNames() {
+    std::set<std::string> current;
+    for (const auto& flow : latest_) current.insert(flow.remote.address);
+    for (auto it = names_.begin(); it != names_.end();) {
+        it = current.count(it->first) ? std::next(it) : names_.erase(it);
+    }
 }
 
 void FlowMonitor::forgetEverything() {

@@ -114,6 +114,7 @@ private:
     void rebuild();
     void save();
     void saveNow();
+    void pruneNames();
 
     Services services_;
     SeenFile store_;

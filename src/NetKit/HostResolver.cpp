@@ -46,6 +46,7 @@ void HostResolver::enqueue(const std::vector<std::string>& addresses) {
         if (address.empty() || Endpoint::isPrivateAddress(address)) continue;
         if (cache_.lookup(address, now)) continue;
         if (inFlight_.count(address)) continue;
+        if (waiting_.size() >= waitingLimit) continue;
         // Asking a DNS server about itself would cost a lookup every sample.
         if (dnsServers().count(address)) {
             cache_.store(ResolverCache::Answer::none(), address, now);

@@ -28,6 +28,9 @@ struct HostLookup {
 class HostResolver : public std::enable_shared_from_this<HostResolver> {
 public:
     static constexpr int concurrency = 4;
+    // Past this many queued addresses new ones are left for a later sample, so a resolver
+    // that hangs while a program sweeps the address space holds a bounded queue.
+    static constexpr std::size_t waitingLimit = 4096;
     static constexpr const char* queueLabel = "com.orvell.tavrick.resolver";
 
     using ResolvedCallback = std::function<void(const std::string& address, const std::string& name)>;

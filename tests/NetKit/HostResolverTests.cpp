@@ -125,6 +125,14 @@ TEST_F(ResolverTest, HangingLookupsHoldFourSlotsAndNothingElse) {
     EXPECT_EQ(resolver->waitingCount(), 196u);
     // The resolver keeps answering from its cache meanwhile.
     EXPECT_EQ(resolver->label("1.1.1.1"), "1.1.1.1");
+
+    // A sweep of ten thousand addresses while nothing answers: the queue stops at its limit.
+    std::vector<std::string> sweep;
+    for (int i = 0; i < 10000; ++i) sweep.push_back("100.1." + std::to_string(i / 256) + "." + std::to_string(i % 256));
+    resolver->resolve(sweep);
+    scheduler.runUntilIdle();
+    EXPECT_EQ(resolver->waitingCount(), HostResolver::waitingLimit);
+    EXPECT_EQ(parked.size(), 4u);
 }
 
 TEST_F(ResolverTest, AnAnswerArrivingAfterTheResolverIsGoneIsDropped) {
