@@ -195,6 +195,13 @@ std::string FlowMonitor::label(const std::string& address) {
     return address;
 }
 
+void FlowMonitor::flush() {
+    if (!saveWork_ || saveWork_.isCancelled()) return;
+    saveWork_.cancel();
+    saveWork_ = Cancellable();
+    saveNow();
+}
+
 void FlowMonitor::pruneNames() {
     std::set<std::string> current;
     for (const auto& flow : latest_) current.insert(flow.remote.address);

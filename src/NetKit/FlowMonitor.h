@@ -92,6 +92,8 @@ public:
     std::string label(const std::string& address);
     std::size_t seenAppCount() const { return engine_.seen().appCount(); }
     void forgetEverything();
+    // Writes what was learned now, instead of at the end of the debounce (on quitting).
+    void flush();
 
     int sampleSeconds() const { return sampleSeconds_; }
     bool alertsOnNewApps() const { return alertOnNewApps_; }

@@ -77,6 +77,10 @@ void AppCoordinator::installClosures() {
     networkObservations_.push_back(settings_->networkAlertMode.observe(sync));
     networkObservations_.push_back(settings_->networkSampleSeconds.observe(sync));
     networkObservations_.push_back(settings_->networkMutedApps.observe(sync));
+    // What was learned in the last half minute survives a Quit.
+    networkObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willTerminate, [weak](const auto&) {
+        if (auto self = weak.lock()) self->flows_->flush();
+    }));
 
     // The engine calls this on the global queue; the action itself runs on the main thread, and
     // a mapping that fires after the coordinator is gone is dropped.

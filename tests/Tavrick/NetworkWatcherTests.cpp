@@ -175,6 +175,21 @@ TEST_F(NetworkWatcherTest, EnablingStartsLearningOnceAndTheSettingsReachTheWatch
     EXPECT_EQ(app.settings().networkLearningStartedAt.get(), now() - 120);
 }
 
+TEST_F(NetworkWatcherTest, QuittingWritesWhatWasLearnedWithoutWaitingForTheDebounce) {
+    defaults.set("networkMonitorEnabled", true);
+    make().start();
+    deliver({connection("/opt/probe/bin/probe", "127.0.0.1", 40001)});
+    const auto file = root / "support" / "network-seen.json";
+    EXPECT_FALSE(std::filesystem::exists(file));
+    workspace.post({WorkspaceEvent::willTerminate, std::nullopt});
+    ASSERT_TRUE(std::filesystem::exists(file));
+    EXPECT_NE(readFile(file).find("/opt/probe/bin/probe"), std::string::npos);
+    // Nothing is left pending: the debounce would write the same again.
+    const auto written = std::filesystem::last_write_time(file);
+    scheduler.advance(30);
+    EXPECT_EQ(std::filesystem::last_write_time(file), written);
+}
+
 TEST_F(NetworkWatcherTest, ASettingChangedBeforeTheDeferredStartWaitsForIt) {
     auto& app = make();
     app.setNetworkMonitor(true);
