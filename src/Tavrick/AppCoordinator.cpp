@@ -36,10 +36,19 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
       hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
       gestures_(std::make_unique<GestureEngine>(env_.touchSource, env_.log, env_.events, env_.scheduler)),
-      actions_(std::make_unique<ActionRunner>(env_.log)) {}
+      actions_(std::make_unique<ActionRunner>(env_.log)),
+      filter_(std::make_unique<FilterController>(env_.network.filterSystem, &env_.log)),
+      flows_(FlowMonitor::make(
+          FlowMonitor::Services{env_.scheduler, &env_.log, env_.network.lookup, env_.network.makeExtensionSource},
+          env_.network.supportDirectory.empty() ? env_.mappingsFile.parent_path() : env_.network.supportDirectory,
+          {settings_->networkMutedApps.get().begin(), settings_->networkMutedApps.get().end()},
+          alertsOnNewApps(settings_->networkAlertMode), alertsOnNewHosts(settings_->networkAlertMode),
+          static_cast<int>(settings_->networkSampleSeconds.get()), settings_->networkLearningStartedAt,
+          env_.network.makeSource)) {}
 
 AppCoordinator::~AppCoordinator() {
     launchAnnouncement_.cancel();
+    flows_->onAlert = nullptr;
     hotkeys_->setOnTrigger(nullptr);
     hotkeys_->stop();
     gestures_->setOnTrigger(nullptr);
@@ -65,6 +74,25 @@ void AppCoordinator::installClosures() {
     permissions_->onStateChange = [weak] {
         if (auto self = weak.lock()) self->permissionsDidChange();
     };
+
+    // A later alert for the same app takes the place of the earlier one.
+    flows_->onAlert = [weak](const Alert& alert) {
+        if (auto self = weak.lock()) self->notify(alert.title(), alert.body(), "net." + alert.app.stableIdentifier());
+    };
+    // The settings may change under the watcher (a restore, another process's edit).
+    networkObservations_.push_back(settings_->isNetworkMonitorEnabled.observe([weak](bool enabled) {
+        if (auto self = weak.lock()) self->networkMonitorChanged(enabled);
+    }));
+    auto sync = [weak](const auto&) {
+        if (auto self = weak.lock(); self && self->holdsFlowWatcher_) self->syncFlowSettings();
+    };
+    networkObservations_.push_back(settings_->networkAlertMode.observe(sync));
+    networkObservations_.push_back(settings_->networkSampleSeconds.observe(sync));
+    networkObservations_.push_back(settings_->networkMutedApps.observe(sync));
+    // What was learned in the last half minute survives a Quit.
+    networkObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willTerminate, [weak](const auto&) {
+        if (auto self = weak.lock()) self->flows_->flush();
+    }));
 
     // The engine calls this on the global queue; the action itself runs on the main thread, and
     // a mapping that fires after the coordinator is gone is dropped.
@@ -139,6 +167,39 @@ void AppCoordinator::start() {
 
     // 12.
     startEngines();
+
+    // 15.
+    if (settings_->isNetworkMonitorEnabled.get()) networkMonitorChanged(true);
+}
+
+void AppCoordinator::syncFlowSettings() {
+    const auto& muted = settings_->networkMutedApps.get();
+    const auto mode = settings_->networkAlertMode.get();
+    flows_->apply({muted.begin(), muted.end()}, alertsOnNewApps(mode), alertsOnNewHosts(mode),
+                  static_cast<int>(settings_->networkSampleSeconds.get()));
+}
+
+void AppCoordinator::setNetworkMonitor(bool enabled) {
+    if (settings_->isNetworkMonitorEnabled.get() == enabled) return;
+    // The setting's observer does the rest.
+    settings_->isNetworkMonitorEnabled.set(enabled);
+}
+
+void AppCoordinator::networkMonitorChanged(bool enabled) {
+    if (!started_) return;
+    if (enabled && !holdsFlowWatcher_) {
+        syncFlowSettings();
+        if (settings_->networkLearningStartedAt.get() == 0) {
+            settings_->networkLearningStartedAt.set(flows_->beginLearning());
+        }
+        holdsFlowWatcher_ = true;
+        filter_->refresh();
+        flows_->useExtension(filter_->state().get().kind == FilterController::State::Kind::ready);
+        flows_->addWatcher();
+    } else if (!enabled && holdsFlowWatcher_) {
+        holdsFlowWatcher_ = false;
+        flows_->removeWatcher();
+    }
 }
 
 void AppCoordinator::startMouseGestures() {

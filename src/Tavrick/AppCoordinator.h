@@ -15,6 +15,9 @@
 #include "GestureEngine/GestureEngine.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 #include "MouseGestureKit/MouseGestureEngine.h"
+#include "NetKit/FilterController.h"
+#include "NetKit/FlowMonitor.h"
+#include "NetKit/NetworkPorts.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -46,6 +49,7 @@ struct AppEnvironment {
     std::shared_ptr<TouchSource> touchSource = nullptr;
     // The application in front at start, before the first activation is announced.
     std::optional<std::string> frontmostBundleID = std::nullopt;
+    NetworkPorts network{};
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -85,6 +89,13 @@ public:
     GestureEngine& gestures() { return *gestures_; }
     MouseGestureEngine& mouseGestures() { return *mouseGestures_; }
     ActionRunner& actions() { return *actions_; }
+    FilterController& filter() { return *filter_; }
+    FlowMonitor& flows() { return *flows_; }
+
+    // Applies the network settings to the watcher.
+    void syncFlowSettings();
+    // Turns the network watcher on or off and stores the choice.
+    void setNetworkMonitor(bool enabled);
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -100,6 +111,7 @@ private:
     void permissionsDidChange();
     void startMouseGestures();
     void gesturesDidWake();
+    void networkMonitorChanged(bool enabled);
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
@@ -110,6 +122,8 @@ private:
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
+    std::unique_ptr<FilterController> filter_;
+    std::shared_ptr<FlowMonitor> flows_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;
@@ -119,6 +133,8 @@ private:
     Observation didActivate_;
     bool isRestartingEngines_ = false;
     bool started_ = false;
+    bool holdsFlowWatcher_ = false;
+    std::vector<Observation> networkObservations_;
     Cancellable launchAnnouncement_;
 };
 

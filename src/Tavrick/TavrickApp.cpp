@@ -11,9 +11,13 @@
 #include "MonitorKit/ProcessFootprint.h"
 #include "GestureEngine/MultitouchSource.h"
 #include "Platform/Linux/EvdevTouchpadSource.h"
+#include "NetKit/ExtensionFlowSource.h"
+#include "NetKit/LibprocFlowSource.h"
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
+#include "Platform/Linux/LinuxHostLookup.h"
+#include "Platform/Linux/ProcSocketTable.h"
 #include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
 #include "Platform/Linux/TerminalAppearance.h"
@@ -29,6 +33,7 @@
 #include "Tavrick/Diagnostics.h"
 
 #include <iostream>
+#include <unistd.h>
 
 namespace tavrick {
 
@@ -146,6 +151,18 @@ int TavrickApp::main(int argc, char** argv) {
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
         .touchSource = touchSource,
         .frontmostBundleID = std::nullopt,
+        // There is no filter extension on Linux: the watcher reads this user's sockets from /proc.
+        .network = NetworkPorts{
+            .makeSource = [&scheduler](int seconds) -> std::shared_ptr<FlowSource> {
+                return LibprocFlowSource::make(seconds, std::make_shared<ProcSocketTable>(), scheduler, getpid());
+            },
+            .makeExtensionSource = [&scheduler, &log](int seconds) -> std::shared_ptr<FlowSource> {
+                return ExtensionFlowSource::make(seconds, std::make_shared<UnsignedNetFilterLink>(), scheduler, &log);
+            },
+            .lookup = LinuxHostLookup::make(),
+            .filterSystem = std::make_shared<AbsentFilterSystem>(Bundle::main().bundlePath().string()),
+            .supportDirectory = {},
+        },
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
