@@ -113,6 +113,8 @@ public:
     virtual void post(const Event& event) = 0;
     // Nothing when the system cannot make the event.
     virtual std::optional<Event> makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) = 0;
+    // Whether synthetic input can be made at all (the source events are created from).
+    virtual bool hasEventSource() const { return true; }
 
     // Posts a key-down then its key-up with `flags`, as a key pressed and let go. False, and
     // nothing posted, when the events cannot be made.

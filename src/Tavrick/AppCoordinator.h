@@ -1,16 +1,21 @@
 #pragma once
 
 #include "ActionKit/ActionRunner.h"
+#include "ActionKit/WindowAccessibility.h"
+#include "ActionKit/WindowManager.h"
 #include "CoreKit/AppSettings.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/Dispatch.h"
 #include "CoreKit/EventSystem.h"
 #include "CoreKit/KeyboardLayout.h"
+#include "CoreKit/LoginItem.h"
 #include "CoreKit/MappingStore.h"
 #include "CoreKit/Observable.h"
 #include "CoreKit/PermissionsMonitor.h"
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/UserNotifications.h"
+#include "CoreKit/WindowServer.h"
+#include "CoreKit/Workspace.h"
 #include "CoreKit/WorkspaceNotifications.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 
@@ -40,6 +45,17 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
+    // What actions act on: the session's applications, the desktop's opener, displays, the
+    // window list and windows, the file manager's preferences, the user's home and this process.
+    Workspace& applications;
+    DesktopLauncher& launcher;
+    const ScreenSource& screens;
+    const WindowList& windowList;
+    WindowAccessibility& windowAccessibility;
+    const PreferenceStore& finderDefaults;
+    std::filesystem::path home;
+    std::int32_t processIdentifier = 0;
+    LoginItemService loginItems;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -66,12 +82,18 @@ public:
     const Observable<std::optional<std::string>>& engineError() const { return engineError_; }
     // Which permission keeps the engines from starting, while one does.
     std::optional<Permission> blockingPermission() const;
+    // Asks for the permission and shows its settings pane; Input Monitoring's pane only when the
+    // user had already said no, since otherwise the system's own request is showing.
+    void requestPermission(Permission permission);
+    void openPermissionSettings(Permission permission);
 
     MappingStore& store() { return *store_; }
     PermissionsMonitor& permissions() { return *permissions_; }
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
+    LoginItemController& loginItem() { return *loginItem_; }
+    WindowManager& windows() { return *windows_; }
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -91,6 +113,8 @@ private:
     std::unique_ptr<MappingStore> store_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<LoginItemController> loginItem_;
+    std::unique_ptr<WindowManager> windows_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<ActionRunner> actions_;
 

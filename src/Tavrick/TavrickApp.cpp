@@ -8,6 +8,8 @@
 #include "CoreKit/Log.h"
 #include "CoreKit/Toast.h"
 #include "MonitorKit/ProcessFootprint.h"
+#include "ActionKit/FileURL.h"
+#include "Platform/Linux/GioLauncher.h"
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
@@ -16,6 +18,8 @@
 #include "Platform/Linux/TerminalNotifications.h"
 #include "Platform/Linux/TerminalToast.h"
 #include "Platform/Linux/TerminationSignals.h"
+#include "Platform/Linux/XdgAutostart.h"
+#include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SessionBridge.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Tavrick/AppCoordinator.h"
@@ -23,7 +27,9 @@
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
 
+#include <cstdlib>
 #include <iostream>
+#include <unistd.h>
 
 namespace tavrick {
 
@@ -86,6 +92,27 @@ int TavrickApp::main(int argc, char** argv) {
     auto layout = KeyboardLayoutCache::make(KeyboardLayoutSource{}, scheduler);
     KeyCodes::installLayoutCache(layout);
 
+    // The desktop the actions work on. Applications, windows and displays are simulated until a
+    // display server adapter exists; opening and launching go through the real desktop when there
+    // is one.
+    SimulatedDesktop desktop;
+    SimulatedDesktop::seedDefault(desktop, static_cast<std::int32_t>(::getpid()));
+    desktop.setOnPermissionsChange([&session, &desktop] { session.setTapCreationAllowed(desktop.isAccessibilityTrusted()); });
+    const auto stateFile = supportDirectory() / "session-state.json";
+    desktop.writeStateTo(stateFile, scheduler);
+    GioLauncher gio;
+    DesktopLauncher* launcher = &desktop;
+    if (GioLauncher::hasDesktopSession()) {
+        launcher = &gio;
+        Log::core.notice("Opening, launching and revealing through the desktop session (GIO)");
+    } else {
+        Log::core.notice("No desktop session: opening, launching and revealing in the simulated workspace");
+    }
+    JSONPreferenceStore finderDefaults(JSONPreferenceStore::fileForDomain("com.apple.finder"), &log);
+    std::error_code exeError;
+    const auto executable = std::filesystem::read_symlink("/proc/self/exe", exeError);
+    const char* homeVariable = std::getenv("HOME");
+
     WorkspaceNotifications workspace(scheduler);
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
@@ -99,23 +126,46 @@ int TavrickApp::main(int argc, char** argv) {
         .notifications = notifications,
         .keyboardLayout = layout,
         .mappingsFile = mappingsFile,
-        // The simulated session's taps stand for both permissions.
-        .permissionSource = PermissionSource{[&session] { return session.isTapCreationAllowed(); },
-                                             [&session] { return session.isTapCreationAllowed() ? 0 : 1; }},
+        .permissionSource =
+            PermissionSource{
+                .isAccessibilityTrusted = [&desktop] { return desktop.isAccessibilityTrusted(); },
+                .listenAccess = [&desktop] { return desktop.listenAccess(); },
+                .promptForAccessibility = [&desktop] { desktop.promptForAccessibility(); },
+                .requestListenAccess = [&desktop] { return desktop.requestListenAccess(); },
+                .openURL =
+                    [launcher](const std::string& address) {
+                        if (auto failure = launcher->open(URL{address})) {
+                            Log::permissions.notice("Could not open %s: %s", address.c_str(), failure->c_str());
+                        }
+                    },
+            },
         .footprint = [] { return ProcessFootprint::current(); },
         .version = AppInfo::version(),
         .build = AppInfo::build(),
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
+        .applications = desktop,
+        .launcher = *launcher,
+        .screens = desktop,
+        .windowList = desktop,
+        .windowAccessibility = desktop,
+        .finderDefaults = finderDefaults,
+        .home = homeVariable && *homeVariable ? std::filesystem::path(homeVariable) : std::filesystem::path("/"),
+        .processIdentifier = static_cast<std::int32_t>(::getpid()),
+        .loginItems = XdgAutostart::service(XdgAutostart::defaultEntry(), executable,
+                                            [launcher](const std::filesystem::path& folder) {
+                                                if (auto url = FileURL::fromPath(folder)) launcher->open(*url);
+                                            }),
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
               << "  log      : " << log.fileURL().string() << "\n"
               << "  mappings : " << mappingsFile.string() << "\n"
               << "  settings : " << defaultsFile.string() << "\n"
+              << "  desktop  : " << stateFile.string() << "\n"
               << std::flush;
 
     auto coordinator = AppCoordinator::make(environment);
-    auto bridge = SessionBridge::listen(session, sessionSocketPath());
+    auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
     }

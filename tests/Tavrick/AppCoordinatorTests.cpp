@@ -5,6 +5,7 @@
 #include "CoreKit/Modifiers.h"
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/Toast.h"
+#include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
@@ -70,6 +71,16 @@ protected:
             .version = "1.2.3",
             .build = "45",
             .operatingSystemVersion = "Debian 12",
+            .applications = desktop,
+            .launcher = desktop,
+            .screens = desktop,
+            .windowList = desktop,
+            .windowAccessibility = desktop,
+            .finderDefaults = finderDefaults,
+            .home = root.path(),
+            .processIdentifier = ownPid,
+            .loginItems = LoginItemService{[this] { return loginStatus; }, [] { return std::nullopt; },
+                                           [] { return std::nullopt; }, nullptr},
         });
         return coordinator;
     }
@@ -121,6 +132,10 @@ protected:
     PermissionState accessibility = PermissionState::granted;
     PermissionState inputMonitoring = PermissionState::granted;
     std::optional<std::uint64_t> footprint = 25 * 1024 * 1024;
+    static constexpr std::int32_t ownPid = 777;
+    SimulatedDesktop desktop;
+    InMemoryPreferenceStore finderDefaults;
+    int loginStatus = 0;
 };
 
 const Modifiers controlOption = Modifiers::control | Modifiers::option;

@@ -48,12 +48,14 @@ public:
     void removeTap(TapHandle tap) override;
     void post(const Event& event) override;
     std::optional<Event> makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) override;
+    bool hasEventSource() const override;
 
     // Scripting, from any thread.
     void setTapCreationAllowed(bool allowed);
     // Whether taps are granted, which is what both permissions amount to here.
     bool isTapCreationAllowed() const;
     void setEventCreationAllowed(bool allowed);
+    void setEventSourceAvailable(bool available);
     void setCallbackTimeout(double seconds);
     // Disables the tap as the system would; the notice, when there is one, reaches the tap's
     // callback on its own thread.

@@ -1,0 +1,17 @@
+#include "ActionKit/ScreenSnapshot.h"
+
+namespace tavrick {
+
+ScreenSnapshot ScreenSnapshot::current(const ScreenSource& source) {
+    return of(source.screens());
+}
+
+ScreenSnapshot ScreenSnapshot::of(const std::vector<ScreenInfo>& screens) {
+    ScreenSnapshot snapshot;
+    snapshot.visibleFrames.reserve(screens.size());
+    for (const auto& screen : screens) snapshot.visibleFrames.push_back(screen.visibleFrame);
+    snapshot.primaryHeight = screens.empty() ? 0 : screens.front().frame.size.height;
+    return snapshot;
+}
+
+} // namespace tavrick
