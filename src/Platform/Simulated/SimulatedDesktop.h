@@ -60,9 +60,9 @@ public:
         std::int32_t pid = 0;
         std::string bundleID;
         std::string name;
-        std::vector<Window> windows;
+        std::vector<Window> windows = {};
         // The focused window's index in `windows`.
-        std::optional<std::size_t> focusedWindow;
+        std::optional<std::size_t> focusedWindow = std::nullopt;
         // The focused element is something other than a window (a sheet's button, say).
         bool focusIsNotWindow = false;
         // Nothing: the attribute cannot be read.
@@ -76,7 +76,7 @@ public:
         std::string name;
         std::string applicationURL;
         // The window a launch opens with, when any.
-        std::optional<Rect> firstWindow;
+        std::optional<Rect> firstWindow = std::nullopt;
     };
 
     SimulatedDesktop();
