@@ -61,11 +61,11 @@ TEST(WindowLayout, ThirdsAreNotRoundedAndTwoThirdsIsThirdPlusThird) {
     const double width = 5;
     ASSERT_NE(width / 3.0 + width / 3.0, width * (2.0 / 3.0));
     auto left = WindowLayout::frame(WindowCommand::leftTwoThirds, rect(0, 0, width, 500), {10, 10});
-    auto right = WindowLayout::frame(WindowCommand::rightTwoThirds, rect(0, 0, width, 500), {10, 10});
-    ASSERT_TRUE(left && right);
+    auto rightTwo = WindowLayout::frame(WindowCommand::rightTwoThirds, rect(0, 0, width, 500), {10, 10});
+    ASSERT_TRUE(left && rightTwo);
     EXPECT_EQ(left->size.width, 3.3333333333333335);
-    EXPECT_EQ(right->size.width, 3.3333333333333335);
-    EXPECT_EQ(right->minX(), width - 3.3333333333333335);
+    EXPECT_EQ(rightTwo->size.width, 3.3333333333333335);
+    EXPECT_EQ(rightTwo->minX(), width - 3.3333333333333335);
 }
 
 TEST(WindowLayout, CenterCapsTheWindowAtTheVisibleFrame) {
