@@ -19,7 +19,7 @@ struct LoginItemService {
     std::function<int()> status;
     std::function<std::optional<std::string>()> registerItem;
     std::function<std::optional<std::string>()> unregisterItem;
-    std::function<void()> openSettings;
+    std::function<void()> openSettings = nullptr;
 };
 
 struct LoginItemState {

@@ -17,9 +17,9 @@ namespace tavrick {
 struct PermissionSource {
     std::function<bool()> isAccessibilityTrusted;
     std::function<int()> listenAccess;
-    std::function<void()> promptForAccessibility;
-    std::function<bool()> requestListenAccess;
-    std::function<void(const std::string&)> openURL;
+    std::function<void()> promptForAccessibility = nullptr;
+    std::function<bool()> requestListenAccess = nullptr;
+    std::function<void(const std::string&)> openURL = nullptr;
 };
 
 // Watches the two privacy permissions the input engines need. The platform sends no notice when
