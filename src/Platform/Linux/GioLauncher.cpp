@@ -23,6 +23,12 @@ struct Unref {
 template <class T>
 using GPtr = std::unique_ptr<T, Unref<T>>;
 
+// An entry needs a command to run, or to be started over the session bus.
+bool canStart(GDesktopAppInfo* info) {
+    const char* executable = g_app_info_get_executable(G_APP_INFO(info));
+    return (executable && *executable) || g_desktop_app_info_get_boolean(info, "DBusActivatable");
+}
+
 std::optional<std::string> launchDefault(const std::string& uri) {
     GError* error = nullptr;
     if (!g_app_info_launch_default_for_uri(uri.c_str(), nullptr, &error)) return consume(error);
@@ -41,10 +47,9 @@ bool GioLauncher::hasDesktopSession() {
 
 std::optional<std::string> GioLauncher::applicationURL(const std::string& bundleIdentifier) const {
     if (bundleIdentifier.empty() || bundleIdentifier.find('/') != std::string::npos) return std::nullopt;
-    // GIO refuses an entry it cannot start (no command, hidden, or for another desktop), so such
-    // an entry counts as no application at all.
+    // An entry that cannot be started (no command, or not a valid entry) is no application.
     GPtr<GDesktopAppInfo> info(g_desktop_app_info_new((bundleIdentifier + ".desktop").c_str()));
-    if (!info) return std::nullopt;
+    if (!info || !canStart(info.get())) return std::nullopt;
     const char* file = g_desktop_app_info_get_filename(info.get());
     if (!file) return std::nullopt;
     return std::string(file);
@@ -54,7 +59,7 @@ void GioLauncher::openApplication(const std::string& applicationURL,
                                   std::function<void(std::optional<std::string>)> completion) {
     std::optional<std::string> failure;
     GPtr<GDesktopAppInfo> info(g_desktop_app_info_new_from_filename(applicationURL.c_str()));
-    if (!info) {
+    if (!info || !canStart(info.get())) {
         failure = applicationURL + " is not a desktop entry that can be started";
     } else {
         GError* error = nullptr;
