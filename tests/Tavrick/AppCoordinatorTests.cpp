@@ -66,7 +66,13 @@ protected:
                                                  [this] {
                                                      return inputMonitoring == PermissionState::granted ? 0
                                                             : inputMonitoring == PermissionState::denied ? 1 : 2;
-                                                 }},
+                                                 },
+                                                 [this] { ++accessibilityPrompts; },
+                                                 [this] {
+                                                     ++listenRequests;
+                                                     return inputMonitoring == PermissionState::granted;
+                                                 },
+                                                 [this](const std::string& url) { openedSettings.push_back(url); }},
             .footprint = [this] { return footprint; },
             .version = "1.2.3",
             .build = "45",
@@ -136,6 +142,9 @@ protected:
     SimulatedDesktop desktop;
     InMemoryPreferenceStore finderDefaults;
     int loginStatus = 0;
+    int accessibilityPrompts = 0;
+    int listenRequests = 0;
+    std::vector<std::string> openedSettings;
 };
 
 const Modifiers controlOption = Modifiers::control | Modifiers::option;
@@ -351,4 +360,52 @@ TEST_F(CoordinatorTest, NotificationsNeedConsentAndReplaceByIdentifier) {
     EXPECT_EQ(logged, (std::vector<std::string>{"Notifications unavailable: The user turned notifications off"}));
     EXPECT_EQ(notifications.added.size(), 2u);
     Log::setSink(nullptr);
+}
+
+TEST_F(CoordinatorTest, AWindowShortcutMovesTheFrontmostWindowOfTheDesktop) {
+    desktop.setScreens({ScreenInfo{Rect{{0, 0}, {1440, 900}}, Rect{{0, 70}, {1440, 805}}}});
+    const auto editor = desktop.addApplication({.pid = 501, .bundleID = "org.gnome.TextEditor", .name = "Text Editor"});
+    const auto window = desktop.addWindow(editor, "Untitled", Rect{{200, 120}, {800, 600}});
+    desktop.activate(editor);
+    make()->start();
+    press(KeyCodes::leftArrow, controlOption);
+    // Accessibility coordinates: 25 points of menu bar above the visible frame.
+    EXPECT_EQ(desktop.windowFrame(window), (Rect{{0, 25}, {720, 805}}));
+
+    // Tavrick's own window in front is never the target.
+    desktop.addApplication({.pid = ownPid, .bundleID = "com.orvell.tavrick", .name = "Tavrick"});
+    desktop.activate(ownPid);
+    desktop.clearRecords();
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_TRUE(desktop.accessibilityWrites().empty());
+}
+
+TEST_F(CoordinatorTest, RequestingAPermissionPromptsAndOpensThePaneOnlyWhenItHelps) {
+    const std::string accessibilityPane = "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility";
+    const std::string inputPane = "x-apple.systempreferences:com.apple.preference.security?Privacy_ListenEvent";
+    make()->start();
+    coordinator->requestPermission(Permission::accessibility);
+    EXPECT_EQ(accessibilityPrompts, 1);
+    EXPECT_TRUE(coordinator->permissions().isPolling());
+    EXPECT_EQ(openedSettings, std::vector<std::string>{accessibilityPane});
+
+    // Not asked before: the system's own request shows, so no pane.
+    inputMonitoring = PermissionState::unknown;
+    coordinator->permissions().refresh();
+    coordinator->requestPermission(Permission::inputMonitoring);
+    EXPECT_EQ(listenRequests, 1);
+    EXPECT_EQ(openedSettings.size(), 1u);
+    // Refused before: the request alone does nothing any more, so the pane opens.
+    inputMonitoring = PermissionState::denied;
+    coordinator->permissions().refresh();
+    coordinator->requestPermission(Permission::inputMonitoring);
+    EXPECT_EQ(listenRequests, 2);
+    EXPECT_EQ(openedSettings, (std::vector<std::string>{accessibilityPane, inputPane}));
+}
+
+TEST_F(CoordinatorTest, TheLoginItemIsMadeWithTheCoordinatorAndReadsItsState) {
+    loginStatus = 1;
+    make();
+    coordinator->loginItem().refresh();
+    EXPECT_TRUE(coordinator->loginItem().state().get().isOn());
 }
