@@ -1,5 +1,7 @@
 #include "ActionKit/ScreenSnapshot.h"
 
+#include "ActionKit/WindowLayout.h"
+
 namespace tavrick {
 
 ScreenSnapshot ScreenSnapshot::current(const ScreenSource& source) {
@@ -10,7 +12,7 @@ ScreenSnapshot ScreenSnapshot::of(const std::vector<ScreenInfo>& screens) {
     ScreenSnapshot snapshot;
     snapshot.visibleFrames.reserve(screens.size());
     for (const auto& screen : screens) snapshot.visibleFrames.push_back(screen.visibleFrame);
-    snapshot.primaryHeight = screens.empty() ? 0 : screens.front().frame.size.height;
+    snapshot.primaryHeight = WindowLayout::primaryDisplayHeight(screens);
     return snapshot;
 }
 

@@ -46,6 +46,10 @@ Rect accessibilityFrame(const Rect& c, double primaryHeight) {
     return Rect{{c.minX(), primaryHeight - c.maxY()}, c.size};
 }
 
+double primaryDisplayHeight(std::span<const ScreenInfo> screens) {
+    return screens.empty() ? 0 : screens.front().frame.size.height;
+}
+
 std::optional<std::size_t> screen(const Rect& rect, std::span<const Rect> among) {
     std::optional<std::size_t> best;
     double bestArea = 0;

@@ -2,6 +2,7 @@
 
 #include "CoreKit/Geometry.h"
 #include "CoreKit/Models.h"
+#include "CoreKit/WindowServer.h"
 
 #include <optional>
 #include <span>
@@ -22,6 +23,9 @@ std::optional<Rect> frame(WindowCommand command, const Rect& visibleFrame, Size 
 // The same flip both ways: x and size stay, y becomes primaryHeight - maxY.
 Rect cocoaFrame(const Rect& accessibilityFrame, double primaryHeight);
 Rect accessibilityFrame(const Rect& cocoaFrame, double primaryHeight);
+
+// The height of the first screen's whole frame, which the flips turn around; 0 without screens.
+double primaryDisplayHeight(std::span<const ScreenInfo> screens);
 
 // The screen sharing the largest area with `rect`; a tie goes to the earlier screen, and a rect
 // that overlaps no screen with positive area gives nothing.

@@ -1,3 +1,4 @@
+#include "ActionKit/ScreenSnapshot.h"
 #include "ActionKit/WindowLayout.h"
 
 #include <gtest/gtest.h>
@@ -103,4 +104,15 @@ TEST(WindowLayout, ScreenContainingPicksTheLargestOverlapAndTiesGoEarlier) {
     EXPECT_EQ(WindowLayout::screen(rect(0, 0, 10, 10), std::vector<Rect>{}), std::nullopt);
     // A zero-sized screen overlaps nothing.
     EXPECT_EQ(WindowLayout::screen(rect(0, 0, 10, 10), std::vector<Rect>{rect(0, 0, 0, 0), rect(0, 0, 5, 5)}), 1u);
+}
+
+TEST(WindowLayout, TheSnapshotKeepsVisibleFramesInOrderAndTheFirstScreensFullHeight) {
+    // The taller second screen must not set the height the flips turn around.
+    const std::vector<ScreenInfo> screens = {{rect(0, 0, 1440, 900), rect(0, 70, 1440, 805)},
+                                             {rect(1440, 0, 2560, 1440), rect(1440, 0, 2560, 1415)}};
+    const auto snapshot = ScreenSnapshot::of(screens);
+    EXPECT_EQ(snapshot.primaryHeight, 900);
+    EXPECT_EQ(snapshot.visibleFrames, (std::vector<Rect>{rect(0, 70, 1440, 805), rect(1440, 0, 2560, 1415)}));
+    EXPECT_EQ(ScreenSnapshot::of({}).primaryHeight, 0);
+    EXPECT_TRUE(ScreenSnapshot::of({}).visibleFrames.empty());
 }

@@ -53,6 +53,14 @@ struct SimulatedDesktop::Core : std::enable_shared_from_this<SimulatedDesktop::C
     double waited = 0;
     std::vector<double> timeouts;
     std::vector<std::string> writes;
+    std::size_t writeCount = 0;
+    bool recordsWrites = true;
+    // The value is spelled only when it is kept.
+    template <class Spell>
+    void recordWrite(std::int32_t pid, const char* attribute, Spell spell) {
+        ++writeCount;
+        if (recordsWrites) writes.push_back(std::to_string(pid) + " " + attribute + " " + spell());
+    }
     std::vector<std::string> opened, revealed, launched, activated, terminated;
 
     SimulatedPermission accessibility = SimulatedPermission::granted;
@@ -209,7 +217,7 @@ public:
         std::lock_guard lock(core_->mutex);
         auto* w = core_->window(id_);
         if (!w) return false;
-        core_->writes.push_back(std::to_string(pid_) + " position " + number(position.x) + " " + number(position.y));
+        core_->recordWrite(pid_, "position", [&] { return number(position.x) + " " + number(position.y); });
         if (w->behaviour.refusesPosition) return false;
         w->frame.origin = position;
         if (w->behaviour.clampsToScreen) core_->clamp(*w);
@@ -221,7 +229,7 @@ public:
         std::lock_guard lock(core_->mutex);
         auto* w = core_->window(id_);
         if (!w) return false;
-        core_->writes.push_back(std::to_string(pid_) + " size " + number(size.width) + " " + number(size.height));
+        core_->recordWrite(pid_, "size", [&] { return number(size.width) + " " + number(size.height); });
         if (w->behaviour.refusesSize) return false;
         w->frame.size = size;
         if (w->behaviour.clampsToScreen) core_->clamp(*w);
@@ -263,7 +271,7 @@ public:
         std::lock_guard lock(core_->mutex);
         auto* a = core_->app(pid_);
         if (!a) return false;
-        core_->writes.push_back(std::to_string(pid_) + " enhancedUserInterface " + (on ? "true" : "false"));
+        core_->recordWrite(pid_, "enhancedUserInterface", [&] { return std::string(on ? "true" : "false"); });
         a->enhancedUserInterface = on;
         return true;
     }
@@ -586,6 +594,16 @@ std::optional<Rect> SimulatedDesktop::frontmostWindowFrame() const {
 std::vector<std::string> SimulatedDesktop::accessibilityWrites() const {
     std::lock_guard lock(core_->mutex);
     return core_->writes;
+}
+
+std::size_t SimulatedDesktop::accessibilityWriteCount() const {
+    std::lock_guard lock(core_->mutex);
+    return core_->writeCount;
+}
+
+void SimulatedDesktop::setRecordsWrites(bool records) {
+    std::lock_guard lock(core_->mutex);
+    core_->recordsWrites = records;
 }
 
 double SimulatedDesktop::waitedSeconds() const {

@@ -138,6 +138,9 @@ public:
     // Every accessibility write in order: "size 720 875", "position 0 25",
     // "enhancedUserInterface false", each prefixed with the pid ("4101 size 720 875").
     std::vector<std::string> accessibilityWrites() const;
+    // Every write counts; only while recording (the default) is it also kept as text.
+    std::size_t accessibilityWriteCount() const;
+    void setRecordsWrites(bool records);
     // Time spent waiting for applications in total, and the messaging time-outs asked for.
     double waitedSeconds() const;
     std::vector<double> messagingTimeouts() const;
