@@ -95,3 +95,23 @@ TEST(ActionsEndToEnd, ShortcutsMoveTheSimulatedWindowSendKeysAndNeverQuitTavrick
     app.signal(SIGTERM);
     EXPECT_EQ(app.wait(30), 0) << app.output();
 }
+
+TEST(ActionsEndToEnd, AccessibilityRefusedAtLaunchAndGrantedLaterBringsTheEnginesUp) {
+    TempDir root;
+    const auto environment = isolatedEnvironment(root.path());
+    const auto socket = root / "data/com.orvell.tavrick/session.sock";
+
+    ChildProcess app({binary}, environment);
+    // The session listens at once; the engines wait three seconds.
+    ASSERT_TRUE(app.waitForOutput("  keys     : ", 30)) << app.output();
+    ASSERT_EQ(SessionBridge::send(socket, "permission accessibility denied"), std::nullopt);
+    ASSERT_TRUE(app.waitForOutput("Hotkey engine did not start: ", 30)) << app.output();
+    EXPECT_TRUE(app.waitForOutput("accessibility: denied", 5)) << app.output();
+
+    ASSERT_EQ(SessionBridge::send(socket, "permission accessibility granted"), std::nullopt);
+    EXPECT_TRUE(app.waitForOutput("Permission granted — restarting engines", 10)) << app.output();
+    EXPECT_TRUE(app.waitForOutput("Event tap 'hotkeys' started", 10)) << app.output();
+
+    app.signal(SIGTERM);
+    EXPECT_EQ(app.wait(30), 0) << app.output();
+}
