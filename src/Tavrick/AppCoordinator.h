@@ -7,6 +7,7 @@
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/Dispatch.h"
 #include "CoreKit/EventSystem.h"
+#include "CoreKit/Keychain.h"
 #include "CoreKit/KeyboardLayout.h"
 #include "CoreKit/LoginItem.h"
 #include "CoreKit/MappingStore.h"
@@ -56,6 +57,8 @@ struct AppEnvironment {
     std::filesystem::path home;
     std::int32_t processIdentifier = 0;
     LoginItemService loginItems;
+    // The user's secret store, under the keychain and (later) the vault.
+    SecretStore& secrets;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -93,6 +96,7 @@ public:
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
     LoginItemController& loginItem() { return *loginItem_; }
+    Keychain& keychain() { return keychain_; }
     WindowManager& windows() { return *windows_; }
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
@@ -117,6 +121,7 @@ private:
     std::unique_ptr<WindowManager> windows_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<ActionRunner> actions_;
+    Keychain keychain_{env_.secrets};
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;

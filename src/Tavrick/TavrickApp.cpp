@@ -9,6 +9,7 @@
 #include "CoreKit/Toast.h"
 #include "MonitorKit/ProcessFootprint.h"
 #include "ActionKit/FileURL.h"
+#include "Platform/Linux/FileSecretStore.h"
 #include "Platform/Linux/GioLauncher.h"
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
@@ -113,6 +114,8 @@ int TavrickApp::main(int argc, char** argv) {
     const auto executable = std::filesystem::read_symlink("/proc/self/exe", exeError);
     const char* homeVariable = std::getenv("HOME");
 
+    FileSecretStore secrets(FileSecretStore::defaultFile());
+
     WorkspaceNotifications workspace(scheduler);
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
@@ -155,6 +158,7 @@ int TavrickApp::main(int argc, char** argv) {
                                             [launcher](const std::filesystem::path& folder) {
                                                 if (auto url = FileURL::fromPath(folder)) launcher->open(*url);
                                             }),
+        .secrets = secrets,
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"

@@ -87,6 +87,7 @@ protected:
             .processIdentifier = ownPid,
             .loginItems = LoginItemService{[this] { return loginStatus; }, [] { return std::nullopt; },
                                            [] { return std::nullopt; }, nullptr},
+            .secrets = secrets,
         });
         return coordinator;
     }
@@ -142,6 +143,7 @@ protected:
     SimulatedDesktop desktop;
     InMemoryPreferenceStore finderDefaults;
     int loginStatus = 0;
+    InMemorySecretStore secrets;
     int accessibilityPrompts = 0;
     int listenRequests = 0;
     std::vector<std::string> openedSettings;
@@ -403,9 +405,11 @@ TEST_F(CoordinatorTest, RequestingAPermissionPromptsAndOpensThePaneOnlyWhenItHel
     EXPECT_EQ(openedSettings, (std::vector<std::string>{accessibilityPane, inputPane}));
 }
 
-TEST_F(CoordinatorTest, TheLoginItemIsMadeWithTheCoordinatorAndReadsItsState) {
+TEST_F(CoordinatorTest, TheLoginItemAndTheKeychainAreTheCoordinators) {
     loginStatus = 1;
     make();
     coordinator->loginItem().refresh();
     EXPECT_TRUE(coordinator->loginItem().state().get().isOn());
+    EXPECT_TRUE(coordinator->keychain().set("sk-test", "anthropic-api-key"));
+    EXPECT_EQ(secrets.copy("com.orvell.tavrick", "anthropic-api-key").data, "sk-test");
 }
