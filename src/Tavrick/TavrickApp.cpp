@@ -117,6 +117,9 @@ int TavrickApp::main(int argc, char** argv) {
     FileSecretStore secrets(FileSecretStore::defaultFile());
 
     WorkspaceNotifications workspace(scheduler);
+    desktop.setOnActivate([&workspace](const RunningApplication& app) {
+        workspace.post({WorkspaceEvent::didActivateApplication, app.bundleIdentifier});
+    });
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
 
@@ -188,6 +191,7 @@ int TavrickApp::main(int argc, char** argv) {
         delegate.applicationWillTerminate();
     }
     bridge.reset();
+    desktop.setOnActivate(nullptr);
     std::cout << "Tavrick stopped.\n";
     return 0;
 }

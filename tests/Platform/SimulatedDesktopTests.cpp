@@ -87,6 +87,8 @@ TEST(SimulatedDesktop, LaunchingTerminatingAndOpeningAreRecorded) {
     SimulatedDesktop desktop;
     const auto first = desktop.addApplication({.pid = 501, .bundleID = "a", .name = "A"});
     const auto second = desktop.addApplication({.pid = 502, .bundleID = "b", .name = "B"});
+    std::vector<std::string> cameForward;
+    desktop.setOnActivate([&](const RunningApplication& app) { cameForward.push_back(*app.bundleIdentifier); });
     desktop.activate(second);
     desktop.install({"c", "C", "/apps/c.desktop", rect(0, 0, 100, 100)});
     std::optional<std::string> failure = "not called";
@@ -103,6 +105,8 @@ TEST(SimulatedDesktop, LaunchingTerminatingAndOpeningAreRecorded) {
     EXPECT_TRUE(desktop.terminate(first));
     EXPECT_EQ(desktop.frontmostApplication(), std::nullopt);
     EXPECT_EQ(desktop.terminatedBundleIDs(), (std::vector<std::string>{"c", "b", "a"}));
+    // Activation, a launch, and a quit that left another in front are each told once.
+    EXPECT_EQ(cameForward, (std::vector<std::string>{"b", "c", "b", "a"}));
 
     EXPECT_EQ(desktop.open(URL{"file:///no/such/file"}), "The file does not exist.");
     EXPECT_EQ(desktop.open(URL{"file://" + dir.path().string()}), std::nullopt);

@@ -68,6 +68,14 @@ struct SimulatedDesktop::Core : std::enable_shared_from_this<SimulatedDesktop::C
     std::size_t prompts = 0;
     std::size_t requests = 0;
     std::function<void()> onPermissionsChange;
+    std::function<void(const RunningApplication&)> onActivate;
+
+    // The frontmost application and whom to tell, read under the lock and told outside it.
+    std::pair<std::optional<RunningApplication>, std::function<void(const RunningApplication&)>> activationLocked() {
+        Application* a = frontmost ? app(*frontmost) : nullptr;
+        if (!a) return {std::nullopt, nullptr};
+        return {running(*a), onActivate};
+    }
 
     std::filesystem::path stateFile;
     std::shared_ptr<SerialQueue> stateQueue;
@@ -394,27 +402,37 @@ std::vector<RunningApplication> SimulatedDesktop::runningApplications(const std:
 }
 
 bool SimulatedDesktop::activate(std::int32_t pid) {
-    std::lock_guard lock(core_->mutex);
-    auto* a = core_->app(pid);
-    if (!a) return false;
-    core_->frontmost = pid;
-    core_->activated.push_back(a->bundleID);
-    core_->changedLocked();
+    decltype(core_->activationLocked()) told;
+    {
+        std::lock_guard lock(core_->mutex);
+        auto* a = core_->app(pid);
+        if (!a) return false;
+        core_->frontmost = pid;
+        core_->activated.push_back(a->bundleID);
+        core_->changedLocked();
+        told = core_->activationLocked();
+    }
+    if (told.first && told.second) told.second(*told.first);
     return true;
 }
 
 bool SimulatedDesktop::terminate(std::int32_t pid) {
-    std::lock_guard lock(core_->mutex);
-    auto& apps = core_->applications;
-    auto it = std::find_if(apps.begin(), apps.end(), [&](auto& a) { return a.pid == pid; });
-    if (it == apps.end()) return false;
-    core_->terminated.push_back(it->bundleID);
-    apps.erase(it);
-    // The most recently started application that is left comes forward.
-    if (core_->frontmost == pid) {
-        core_->frontmost = apps.empty() ? std::nullopt : std::optional<std::int32_t>(apps.back().pid);
+    decltype(core_->activationLocked()) told;
+    {
+        std::lock_guard lock(core_->mutex);
+        auto& apps = core_->applications;
+        auto it = std::find_if(apps.begin(), apps.end(), [&](auto& a) { return a.pid == pid; });
+        if (it == apps.end()) return false;
+        core_->terminated.push_back(it->bundleID);
+        apps.erase(it);
+        // The most recently started application that is left comes forward.
+        if (core_->frontmost == pid) {
+            core_->frontmost = apps.empty() ? std::nullopt : std::optional<std::int32_t>(apps.back().pid);
+            told = core_->activationLocked();
+        }
+        core_->changedLocked();
     }
-    core_->changedLocked();
+    if (told.first && told.second) told.second(*told.first);
     return true;
 }
 
@@ -431,6 +449,7 @@ std::optional<std::string> SimulatedDesktop::applicationURL(const std::string& b
 void SimulatedDesktop::openApplication(const std::string& applicationURL,
                                        std::function<void(std::optional<std::string>)> completion) {
     std::optional<std::string> failure;
+    decltype(core_->activationLocked()) told;
     {
         std::lock_guard lock(core_->mutex);
         auto it = std::find_if(core_->installed.begin(), core_->installed.end(),
@@ -440,8 +459,10 @@ void SimulatedDesktop::openApplication(const std::string& applicationURL,
         } else {
             core_->launch(*it);
             core_->changedLocked();
+            told = core_->activationLocked();
         }
     }
+    if (told.first && told.second) told.second(*told.first);
     if (completion) completion(failure);
 }
 
@@ -726,6 +747,11 @@ std::size_t SimulatedDesktop::listenAccessRequests() const {
 void SimulatedDesktop::setOnPermissionsChange(std::function<void()> onChange) {
     std::lock_guard lock(core_->mutex);
     core_->onPermissionsChange = std::move(onChange);
+}
+
+void SimulatedDesktop::setOnActivate(std::function<void(const RunningApplication&)> onActivate) {
+    std::lock_guard lock(core_->mutex);
+    core_->onActivate = std::move(onActivate);
 }
 
 // ---- The state file ----

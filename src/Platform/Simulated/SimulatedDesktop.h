@@ -166,6 +166,8 @@ public:
     std::size_t listenAccessRequests() const;
     // Called, on the thread that made the change, after either permission changed.
     void setOnPermissionsChange(std::function<void()> onChange);
+    // Called, on the thread that made the change, with the application that came to the front.
+    void setOnActivate(std::function<void(const RunningApplication&)> onActivate);
 
     // ---- The state file ----
     // From now on the whole state is written atomically to `path` whenever it changes, on a
