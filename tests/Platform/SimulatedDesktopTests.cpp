@@ -63,6 +63,16 @@ TEST(SimulatedDesktop, TheStateFileIsRewrittenOnChangeWithIntegralNumbersAndCoco
               nlohmann::json({{"x", 0}, {"y", 70}, {"width", 720}, {"height", 805}}));
     EXPECT_EQ(state["permissions"]["accessibility"], "denied");
     EXPECT_EQ(desktop.windowFrame(window), rect(0, 25, 720, 805));
+    // Another device adds its own part and asks for a rewrite when it changes.
+    int changeCount = 3;
+    desktop.addStateSection("pasteboard", [&] { return nlohmann::json{{"changeCount", changeCount}}; });
+    scheduler.runUntilIdle();
+    EXPECT_EQ(nlohmann::json::parse(readFile(dir / "support/session-state.json"))["pasteboard"]["changeCount"], 3);
+    changeCount = 4;
+    desktop.noteStateChange();
+    scheduler.runUntilIdle();
+    EXPECT_EQ(nlohmann::json::parse(readFile(dir / "support/session-state.json"))["pasteboard"]["changeCount"], 4);
+
     // Fractions stay fractions.
     element->setSize({1000 / 3.0, 805});
     scheduler.runUntilIdle();

@@ -5,6 +5,8 @@
 #include "CoreKit/WindowServer.h"
 #include "CoreKit/Workspace.h"
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -177,6 +179,11 @@ public:
     std::string stateJSON() const;
     // Waits for a write already asked for. Not from the writing queue.
     void flushState();
+    // Another simulated device's part of the state (the pasteboard, say), under `key`; it is read
+    // under the desktop's lock, so it must not call back into the desktop. `noteStateChange` asks
+    // for a rewrite after that device changed.
+    void addStateSection(std::string key, std::function<nlohmann::json()> section);
+    void noteStateChange();
 
     struct Core;
 

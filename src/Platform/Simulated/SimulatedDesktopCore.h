@@ -59,6 +59,7 @@ struct SimulatedDesktop::Core : std::enable_shared_from_this<SimulatedDesktop::C
     std::filesystem::path stateFile;
     std::shared_ptr<SerialQueue> stateQueue;
     std::atomic<bool> writePending{false};
+    std::vector<std::pair<std::string, std::function<nlohmann::json()>>> stateSections;
 
     Application* app(std::int32_t pid) {
         for (auto& a : applications) {

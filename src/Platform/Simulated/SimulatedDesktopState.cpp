@@ -75,7 +75,7 @@ json Core::stateLocked() const {
     for (const auto& a : applications) {
         if (frontmost == a.pid) front = a.bundleID;
     }
-    return {{"coordinates", "origin at the bottom-left of the first screen, y upward"},
+    json document = {{"coordinates", "origin at the bottom-left of the first screen, y upward"},
             {"screens", screenList},
             {"applications", apps},
             {"frontmost", front},
@@ -83,6 +83,8 @@ json Core::stateLocked() const {
             {"workspace",
              {{"opened", opened}, {"revealed", revealed}, {"launched", launched}, {"activated", activated},
               {"terminated", terminated}}}};
+    for (const auto& [key, section] : stateSections) document[key] = section ? section() : json();
+    return document;
 }
 
 void Core::changedLocked() {
@@ -107,6 +109,17 @@ void SimulatedDesktop::writeStateTo(std::filesystem::path path, Scheduler& sched
 std::string SimulatedDesktop::stateJSON() const {
     std::lock_guard lock(core_->mutex);
     return core_->stateLocked().dump(2) + "\n";
+}
+
+void SimulatedDesktop::addStateSection(std::string key, std::function<json()> section) {
+    std::lock_guard lock(core_->mutex);
+    core_->stateSections.emplace_back(std::move(key), std::move(section));
+    core_->changedLocked();
+}
+
+void SimulatedDesktop::noteStateChange() {
+    std::lock_guard lock(core_->mutex);
+    core_->changedLocked();
 }
 
 void SimulatedDesktop::flushState() {
