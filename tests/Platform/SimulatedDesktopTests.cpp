@@ -142,6 +142,6 @@ TEST(SimulatedDesktop, PermissionsAnswerAsThePlatformDoes) {
     desktop.promptForAccessibility();
     EXPECT_EQ(desktop.accessibilityPrompts(), 1u);
     EXPECT_EQ(desktop.listenAccessRequests(), 3u);
-    EXPECT_EQ(simulatedPermissionFromRaw("notDetermined"), SimulatedPermission::notDetermined);
-    EXPECT_EQ(simulatedPermissionFromRaw("unknown"), std::nullopt);
+    EXPECT_EQ(fromRaw<SimulatedPermission>("notDetermined"), SimulatedPermission::notDetermined);
+    EXPECT_EQ(fromRaw<SimulatedPermission>("unknown"), std::nullopt);
 }

@@ -96,7 +96,7 @@ std::string SessionBridge::handle(SimulatedSession& session, SimulatedDesktop* d
             desktop->activate(running.front().processIdentifier);
             return "ok\n";
         }
-        auto state = simulatedPermissionFromRaw(modifiers);
+        auto state = fromRaw<SimulatedPermission>(modifiers);
         if ((key != "accessibility" && key != "inputMonitoring") || !state) {
             return "error expected: permission <accessibility|inputMonitoring> <granted|denied|notDetermined>\n";
         }

@@ -14,7 +14,8 @@ std::string_view rawValue(SimulatedPermission state) {
     return "notDetermined";
 }
 
-std::optional<SimulatedPermission> simulatedPermissionFromRaw(std::string_view raw) {
+template <>
+std::optional<SimulatedPermission> fromRaw<SimulatedPermission>(std::string_view raw) {
     for (auto state : {SimulatedPermission::granted, SimulatedPermission::denied, SimulatedPermission::notDetermined}) {
         if (rawValue(state) == raw) return state;
     }

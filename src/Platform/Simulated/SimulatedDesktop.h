@@ -2,6 +2,7 @@
 
 #include "ActionKit/WindowAccessibility.h"
 #include "CoreKit/Dispatch.h"
+#include "CoreKit/RawValue.h"
 #include "CoreKit/WindowServer.h"
 #include "CoreKit/Workspace.h"
 
@@ -20,7 +21,8 @@ namespace tavrick {
 enum class SimulatedPermission { granted, denied, notDetermined };
 
 std::string_view rawValue(SimulatedPermission state);
-std::optional<SimulatedPermission> simulatedPermissionFromRaw(std::string_view raw);
+template <>
+std::optional<SimulatedPermission> fromRaw<SimulatedPermission>(std::string_view raw);
 
 // How one simulated window answers the accessibility interface.
 struct SimulatedWindowBehaviour {
