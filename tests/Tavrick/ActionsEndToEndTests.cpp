@@ -82,8 +82,14 @@ TEST(ActionsEndToEnd, ShortcutsMoveTheSimulatedWindowSendKeysAndNeverQuitTavrick
         return readFile(log).find("[keystroke] sending ⌘S to frontmost app 'Text Editor'") != std::string::npos;
     }, 10)) << readFile(log);
 
-    // With Tavrick itself in front, "Quit application" is refused.
-    EXPECT_EQ(SessionBridge::send(socket, "activate com.orvell.tavrick"), std::nullopt);
+    // With Tavrick itself in front (brought there by the helper script), "Quit application" is refused.
+    const std::string script = std::string(TAVRICK_SOURCE_DIR) + "/scripts/session";
+    auto activated = runProcess({"/usr/bin/perl", script, "activate", "com.orvell.tavrick"}, environment);
+    EXPECT_EQ(activated.status, 0) << activated.output;
+    EXPECT_EQ(activated.output, "ok\n");
+    auto wrong = runProcess({"/usr/bin/perl", script, "activate", "com.example.Gone"}, environment);
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.output, "error no running application has the bundle id com.example.Gone\n");
     ASSERT_EQ(post("12"), 0);
     EXPECT_TRUE(app.waitForOutput("Refusing to quit Tavrick itself", 10)) << app.output();
     EXPECT_EQ(state(stateFile)["workspace"]["terminated"], nlohmann::json::array());
