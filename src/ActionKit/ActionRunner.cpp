@@ -1,5 +1,8 @@
 #include "ActionKit/ActionRunner.h"
 
+#include "ActionKit/AppLauncher.h"
+#include "ActionKit/KeystrokeSender.h"
+#include "ActionKit/SystemCommandRunner.h"
 #include "CoreKit/Log.h"
 
 namespace tavrick {
@@ -18,26 +21,22 @@ void callIfSet(const std::function<void(Args...)>& closure, Args... args) {
 }
 } // namespace
 
-ActionRunner::ActionRunner(DiagnosticLog& log) : log_(log) {}
+ActionRunner::ActionRunner(ActionEnvironment environment, WindowManager& windows)
+    : env_(std::move(environment)), windows_(windows) {}
 
 void ActionRunner::run(const ActionSpec& action) {
     const std::string display = action.displayString();
     Log::action.info("Running %s", display.c_str());
-    log_.note("action", "running " + display);
-
-    auto unavailable = [&] {
-        Log::action.notice("'%s' (%s) cannot be carried out by this build yet", display.c_str(),
-                           std::string(action.caseName()).c_str());
-    };
+    env_.log.note("action", "running " + display);
 
     std::visit(Overloaded{
-                   [&](const ActionSpec::Window&) { unavailable(); },
-                   [&](const ActionSpec::SendKeystroke&) { unavailable(); },
-                   [&](const ActionSpec::LaunchOrActivate&) { unavailable(); },
-                   [&](const ActionSpec::OpenURL&) { unavailable(); },
-                   [&](const ActionSpec::RevealFile&) { unavailable(); },
+                   [&](const ActionSpec::Window& c) { runWindowCommand(c.command); },
+                   [&](const ActionSpec::SendKeystroke& c) { KeystrokeSender::send(env_, c.keystroke); },
+                   [&](const ActionSpec::LaunchOrActivate& c) { AppLauncher::launchOrActivate(env_, c.bundleID); },
+                   [&](const ActionSpec::OpenURL& c) { AppLauncher::open(env_, c.url); },
+                   [&](const ActionSpec::RevealFile& c) { AppLauncher::reveal(env_, c.path); },
                    [&](const ActionSpec::ToggleAwake&) { callIfSet(onToggleAwake); },
-                   [&](const ActionSpec::System&) { unavailable(); },
+                   [&](const ActionSpec::System& c) { SystemCommandRunner::run(env_, c.command); },
                    [&](const ActionSpec::Pomodoro& c) { callIfSet(onPomodoro, c.action); },
                    [&](const ActionSpec::ShowClipboardHistory&) { callIfSet(onShowClipboard); },
                    [&](const ActionSpec::ShowSelectionBar&) { callIfSet(onShowSelectionBar); },
@@ -45,6 +44,18 @@ void ActionRunner::run(const ActionSpec& action) {
                    [&](const ActionSpec::Fans& c) { callIfSet(onFans, c.preset); },
                },
                action.value);
+}
+
+void ActionRunner::runWindowCommand(WindowCommand command) {
+    auto frontmost = env_.workspace.frontmostApplication();
+    if (!frontmost) return;
+    // A window command is meant for the window the user was working in; the program's own
+    // panels are never its target.
+    if (frontmost->processIdentifier == env_.ownProcessIdentifier) {
+        Log::action.notice("Ignoring window command: Tavrick itself is frontmost");
+        return;
+    }
+    windows_.apply(command, frontmost->processIdentifier, ScreenSnapshot::current(env_.screens));
 }
 
 } // namespace tavrick

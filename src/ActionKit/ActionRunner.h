@@ -1,6 +1,7 @@
 #pragma once
 
-#include "CoreKit/DiagnosticLog.h"
+#include "ActionKit/ActionEnvironment.h"
+#include "ActionKit/WindowManager.h"
 #include "CoreKit/Models.h"
 
 #include <functional>
@@ -10,10 +11,10 @@ namespace tavrick {
 // The one place where a fired mapping becomes an effect. Every road (hotkey, trackpad gesture,
 // mouse gesture, menu item) ends here, on the main thread. What belongs to another service is
 // handed on through a closure the coordinator installs; a closure left unset means the action
-// does nothing.
+// does nothing. Failures are logged, never returned.
 class ActionRunner {
 public:
-    explicit ActionRunner(DiagnosticLog& log);
+    ActionRunner(ActionEnvironment environment, WindowManager& windows);
 
     void run(const ActionSpec& action);
 
@@ -24,12 +25,13 @@ public:
     std::function<void()> onShowNotepad;
     std::function<void(FanPreset)> onFans;
 
-    // Window commands, keystrokes, launching and opening, revealing files and system commands are
-    // carried out by collaborators that this build does not have yet; until they exist the
-    // runner logs what it could not do.
+    const ActionEnvironment& environment() const { return env_; }
 
 private:
-    DiagnosticLog& log_;
+    void runWindowCommand(WindowCommand command);
+
+    ActionEnvironment env_;
+    WindowManager& windows_;
 };
 
 } // namespace tavrick

@@ -117,6 +117,8 @@ public:
     virtual std::optional<Event> makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) = 0;
     // Nothing when the system cannot make the event. By default every event can be made.
     virtual std::optional<Event> makeMouseEvent(EventType type, Point location, std::int64_t button);
+    // Whether synthetic input can be made at all (the source events are created from).
+    virtual bool hasEventSource() const { return true; }
 
     // Posts a key-down then its key-up with `flags`, as a key pressed and let go. False, and
     // nothing posted, when the events cannot be made.

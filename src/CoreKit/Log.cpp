@@ -75,6 +75,7 @@ const Logger hotkey{"hotkey"};
 const Logger gesture{"gesture"};
 const Logger action{"action"};
 const Logger permissions{"permissions"};
+const Logger windows{"windows"};
 
 void setMinimumLevel(LogLevel level) {
     minimum.store(static_cast<int>(level), std::memory_order_relaxed);

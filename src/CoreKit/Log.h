@@ -36,6 +36,7 @@ extern const Logger hotkey;
 extern const Logger gesture;
 extern const Logger action;
 extern const Logger permissions;
+extern const Logger windows;
 
 // Debug is off unless asked for.
 void setMinimumLevel(LogLevel level);

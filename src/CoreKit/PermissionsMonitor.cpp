@@ -52,6 +52,27 @@ void PermissionsMonitor::beginPolling(double interval) {
     timer_ = scheduler_.every(interval, [this] { refresh(); });
 }
 
+void PermissionsMonitor::promptForAccessibility() {
+    if (source_.promptForAccessibility) source_.promptForAccessibility();
+    beginPolling();
+}
+
+bool PermissionsMonitor::requestInputMonitoring() {
+    const bool answer = source_.requestListenAccess && source_.requestListenAccess();
+    refresh();
+    beginPolling(1.0);
+    return answer;
+}
+
+std::string PermissionsMonitor::settingsURL(Permission permission) {
+    return std::string("x-apple.systempreferences:com.apple.preference.security?") +
+           (permission == Permission::accessibility ? "Privacy_Accessibility" : "Privacy_ListenEvent");
+}
+
+void PermissionsMonitor::openSettings(Permission permission) {
+    if (source_.openURL) source_.openURL(settingsURL(permission));
+}
+
 void PermissionsMonitor::endPolling() {
     timer_.cancel();
     timer_ = Cancellable();

@@ -5,14 +5,21 @@
 #include "CoreKit/Permissions.h"
 
 #include <functional>
+#include <string>
 
 namespace tavrick {
 
-// Where the two permissions are read. `listenAccess` answers as the platform does: 0 granted,
-// 1 denied, anything else not yet decided.
+// Where the two permissions are read and asked for. `listenAccess` answers as the platform does:
+// 0 granted, 1 denied, anything else not yet decided. `promptForAccessibility` shows the
+// system's request (it answers nothing: the user decides later, in the settings);
+// `requestListenAccess` asks for Input Monitoring and gives the platform's answer;
+// `openURL` opens a settings pane by its address.
 struct PermissionSource {
     std::function<bool()> isAccessibilityTrusted;
     std::function<int()> listenAccess;
+    std::function<void()> promptForAccessibility = nullptr;
+    std::function<bool()> requestListenAccess = nullptr;
+    std::function<void(const std::string&)> openURL = nullptr;
 };
 
 // Watches the two privacy permissions the input engines need. The platform sends no notice when
@@ -36,6 +43,15 @@ public:
     void beginPolling(double interval = defaultPollingInterval);
     void endPolling();
     bool isPolling() const { return static_cast<bool>(timer_); }
+
+    // Shows the system's request for Accessibility, then polls for the answer.
+    void promptForAccessibility();
+    // Asks for Input Monitoring, reads both states, polls, and gives the platform's answer.
+    bool requestInputMonitoring();
+    // Opens the privacy pane of the permission.
+    void openSettings(Permission permission);
+    // "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility" ...
+    static std::string settingsURL(Permission permission);
 
     std::function<void()> onStateChange;
 

@@ -34,9 +34,24 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       mouseGestures_(std::make_unique<MouseGestureEngine>(env_.events, env_.scheduler)),
       permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
+      loginItem_(std::make_unique<LoginItemController>(env_.loginItems, env_.scheduler)),
+      windows_(std::make_unique<WindowManager>(env_.windowAccessibility, env_.scheduler)),
       hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
       gestures_(std::make_unique<GestureEngine>(env_.touchSource, env_.log, env_.events, env_.scheduler)),
-      actions_(std::make_unique<ActionRunner>(env_.log)),
+      actions_(std::make_unique<ActionRunner>(
+          ActionEnvironment{
+              .log = env_.log,
+              .workspace = env_.applications,
+              .launcher = env_.launcher,
+              .events = env_.events,
+              .screens = env_.screens,
+              .windowList = env_.windowList,
+              .finderDefaults = env_.finderDefaults,
+              .home = env_.home,
+              .ownProcessIdentifier = env_.processIdentifier,
+              .isAccessibilityTrusted = env_.permissionSource.isAccessibilityTrusted,
+          },
+          *windows_)),
       filter_(std::make_unique<FilterController>(env_.network.filterSystem, &env_.log)),
       flows_(FlowMonitor::make(
           FlowMonitor::Services{env_.scheduler, &env_.log, env_.network.lookup, env_.network.makeExtensionSource},
@@ -316,6 +331,21 @@ std::optional<Permission> AppCoordinator::blockingPermission() const {
     if (permissions_->state(Permission::accessibility) != PermissionState::granted) return Permission::accessibility;
     if (permissions_->state(Permission::inputMonitoring) != PermissionState::granted) return Permission::inputMonitoring;
     return std::nullopt;
+}
+
+void AppCoordinator::requestPermission(Permission permission) {
+    if (permission == Permission::accessibility) {
+        permissions_->promptForAccessibility();
+        openPermissionSettings(permission);
+        return;
+    }
+    const bool wasDenied = permissions_->state(Permission::inputMonitoring) == PermissionState::denied;
+    permissions_->requestInputMonitoring();
+    if (wasDenied) openPermissionSettings(permission);
+}
+
+void AppCoordinator::openPermissionSettings(Permission permission) {
+    permissions_->openSettings(permission);
 }
 
 void AppCoordinator::permissionsDidChange() {

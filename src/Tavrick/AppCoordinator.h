@@ -1,16 +1,22 @@
 #pragma once
 
 #include "ActionKit/ActionRunner.h"
+#include "ActionKit/WindowAccessibility.h"
+#include "ActionKit/WindowManager.h"
 #include "CoreKit/AppSettings.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/Dispatch.h"
 #include "CoreKit/EventSystem.h"
+#include "CoreKit/Keychain.h"
 #include "CoreKit/KeyboardLayout.h"
+#include "CoreKit/LoginItem.h"
 #include "CoreKit/MappingStore.h"
 #include "CoreKit/Observable.h"
 #include "CoreKit/PermissionsMonitor.h"
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/UserNotifications.h"
+#include "CoreKit/WindowServer.h"
+#include "CoreKit/Workspace.h"
 #include "CoreKit/WorkspaceNotifications.h"
 #include "GestureEngine/GestureEngine.h"
 #include "HotkeyEngine/HotkeyEngine.h"
@@ -45,6 +51,19 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
+    // What actions act on: the session's applications, the desktop's opener, displays, the
+    // window list and windows, the file manager's preferences, the user's home and this process.
+    Workspace& applications;
+    DesktopLauncher& launcher;
+    const ScreenSource& screens;
+    const WindowList& windowList;
+    WindowAccessibility& windowAccessibility;
+    const PreferenceStore& finderDefaults;
+    std::filesystem::path home;
+    std::int32_t processIdentifier = 0;
+    LoginItemService loginItems;
+    // The user's secret store, under the keychain and (later) the vault.
+    SecretStore& secrets;
     // Where touch frames come from; null means the trackpad service's own source.
     std::shared_ptr<TouchSource> touchSource = nullptr;
     // The application in front at start, before the first activation is announced.
@@ -81,6 +100,10 @@ public:
     void clearLastGesture() { lastGesture_.set(std::nullopt); }
     // Which permission keeps the engines from starting, while one does.
     std::optional<Permission> blockingPermission() const;
+    // Asks for the permission and shows its settings pane; Input Monitoring's pane only when the
+    // user had already said no, since otherwise the system's own request is showing.
+    void requestPermission(Permission permission);
+    void openPermissionSettings(Permission permission);
 
     MappingStore& store() { return *store_; }
     PermissionsMonitor& permissions() { return *permissions_; }
@@ -89,6 +112,9 @@ public:
     GestureEngine& gestures() { return *gestures_; }
     MouseGestureEngine& mouseGestures() { return *mouseGestures_; }
     ActionRunner& actions() { return *actions_; }
+    LoginItemController& loginItem() { return *loginItem_; }
+    Keychain& keychain() { return keychain_; }
+    WindowManager& windows() { return *windows_; }
     FilterController& filter() { return *filter_; }
     FlowMonitor& flows() { return *flows_; }
 
@@ -119,9 +145,12 @@ private:
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<LoginItemController> loginItem_;
+    std::unique_ptr<WindowManager> windows_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
+    Keychain keychain_{env_.secrets};
     std::unique_ptr<FilterController> filter_;
     std::shared_ptr<FlowMonitor> flows_;
 

@@ -13,6 +13,9 @@
 #include "Platform/Linux/EvdevTouchpadSource.h"
 #include "NetKit/ExtensionFlowSource.h"
 #include "NetKit/LibprocFlowSource.h"
+#include "ActionKit/FileURL.h"
+#include "Platform/Linux/FileSecretStore.h"
+#include "Platform/Linux/GioLauncher.h"
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
@@ -24,6 +27,8 @@
 #include "Platform/Linux/TerminalNotifications.h"
 #include "Platform/Linux/TerminalToast.h"
 #include "Platform/Linux/TerminationSignals.h"
+#include "Platform/Linux/XdgAutostart.h"
+#include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SessionBridge.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
@@ -32,6 +37,7 @@
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
 
+#include <cstdlib>
 #include <iostream>
 #include <unistd.h>
 
@@ -126,7 +132,33 @@ int TavrickApp::main(int argc, char** argv) {
     auto layout = KeyboardLayoutCache::make(KeyboardLayoutSource{}, scheduler);
     KeyCodes::installLayoutCache(layout);
 
+    // The desktop the actions work on. Applications, windows and displays are simulated until a
+    // display server adapter exists; opening and launching go through the real desktop when there
+    // is one.
+    SimulatedDesktop desktop;
+    SimulatedDesktop::seedDefault(desktop, static_cast<std::int32_t>(::getpid()));
+    desktop.setOnPermissionsChange([&session, &desktop] { session.setTapCreationAllowed(desktop.isAccessibilityTrusted()); });
+    const auto stateFile = supportDirectory() / "session-state.json";
+    desktop.writeStateTo(stateFile, scheduler);
+    GioLauncher gio;
+    DesktopLauncher* launcher = &desktop;
+    if (GioLauncher::hasDesktopSession()) {
+        launcher = &gio;
+        Log::core.notice("Opening, launching and revealing through the desktop session (GIO)");
+    } else {
+        Log::core.notice("No desktop session: opening, launching and revealing in the simulated workspace");
+    }
+    JSONPreferenceStore finderDefaults(JSONPreferenceStore::fileForDomain("com.apple.finder"), &log);
+    std::error_code exeError;
+    const auto executable = std::filesystem::read_symlink("/proc/self/exe", exeError);
+    const char* homeVariable = std::getenv("HOME");
+
+    FileSecretStore secrets(FileSecretStore::defaultFile());
+
     WorkspaceNotifications workspace(scheduler);
+    desktop.setOnActivate([&workspace](const RunningApplication& app) {
+        workspace.post({WorkspaceEvent::didActivateApplication, app.bundleIdentifier});
+    });
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
 
@@ -142,15 +174,41 @@ int TavrickApp::main(int argc, char** argv) {
         .notifications = notifications,
         .keyboardLayout = layout,
         .mappingsFile = mappingsFile,
-        // The simulated session's taps stand for both permissions.
-        .permissionSource = PermissionSource{[&session] { return session.isTapCreationAllowed(); },
-                                             [&session] { return session.isTapCreationAllowed() ? 0 : 1; }},
+        .permissionSource =
+            PermissionSource{
+                .isAccessibilityTrusted = [&desktop] { return desktop.isAccessibilityTrusted(); },
+                .listenAccess = [&desktop] { return desktop.listenAccess(); },
+                .promptForAccessibility = [&desktop] { desktop.promptForAccessibility(); },
+                .requestListenAccess = [&desktop] { return desktop.requestListenAccess(); },
+                .openURL =
+                    [launcher](const std::string& address) {
+                        if (auto failure = launcher->open(URL{address})) {
+                            Log::permissions.notice("Could not open %s: %s", address.c_str(), failure->c_str());
+                        }
+                    },
+            },
         .footprint = [] { return ProcessFootprint::current(); },
         .version = AppInfo::version(),
         .build = AppInfo::build(),
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
+        .applications = desktop,
+        .launcher = *launcher,
+        .screens = desktop,
+        .windowList = desktop,
+        .windowAccessibility = desktop,
+        .finderDefaults = finderDefaults,
+        .home = homeVariable && *homeVariable ? std::filesystem::path(homeVariable) : std::filesystem::path("/"),
+        .processIdentifier = static_cast<std::int32_t>(::getpid()),
+        .loginItems = XdgAutostart::service(XdgAutostart::defaultEntry(), executable,
+                                            [launcher](const std::filesystem::path& folder) {
+                                                if (auto url = FileURL::fromPath(folder)) launcher->open(*url);
+                                            }),
+        .secrets = secrets,
         .touchSource = touchSource,
-        .frontmostBundleID = std::nullopt,
+        .frontmostBundleID = [&desktop]() -> std::optional<std::string> {
+            auto front = desktop.frontmostApplication();
+            return front ? front->bundleIdentifier : std::nullopt;
+        }(),
         // There is no filter extension on Linux: the watcher reads this user's sockets from /proc.
         .network = NetworkPorts{
             .makeSource = [&scheduler](int seconds) -> std::shared_ptr<FlowSource> {
@@ -169,12 +227,16 @@ int TavrickApp::main(int argc, char** argv) {
               << "  log      : " << log.fileURL().string() << "\n"
               << "  mappings : " << mappingsFile.string() << "\n"
               << "  settings : " << defaultsFile.string() << "\n"
+              << "  desktop  : " << stateFile.string() << "\n"
+
+    auto coordinator = AppCoordinator::make(environment);
+    auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath());
               << "  gestures : " << touchSourceDescription << "\n"
               << std::flush;
 
     AppearanceController::setApplier(std::make_shared<TerminalAppearance>(log));
     auto coordinator = construct(environment);
-    auto bridge = SessionBridge::listen(session, sessionSocketPath());
+    auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
         if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
@@ -194,6 +256,7 @@ int TavrickApp::main(int argc, char** argv) {
         delegate.applicationWillTerminate();
     }
     bridge.reset();
+    desktop.setOnActivate(nullptr);
     std::cout << "Tavrick stopped.\n";
     return 0;
 }

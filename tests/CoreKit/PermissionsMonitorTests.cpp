@@ -63,3 +63,34 @@ TEST(PermissionsMonitor, PollingEverySecondUntilEnded) {
     f.scheduler.advance(5);
     EXPECT_EQ(f.monitor.state(Permission::accessibility), PermissionState::granted);
 }
+
+TEST(PermissionsMonitor, RequestsAskThenPollAndSettingsOpenTheirPanes) {
+    ManualScheduler scheduler;
+    int prompts = 0;
+    int listen = 2;
+    std::vector<std::string> opened;
+    PermissionsMonitor monitor(PermissionSource{.isAccessibilityTrusted = [] { return false; },
+                                                .listenAccess = [&] { return listen; },
+                                                .promptForAccessibility = [&] { ++prompts; },
+                                                .requestListenAccess = [&] {
+                                                    listen = 1;
+                                                    return false;
+                                                },
+                                                .openURL = [&](const std::string& url) { opened.push_back(url); }},
+                               scheduler);
+    monitor.promptForAccessibility();
+    EXPECT_EQ(prompts, 1);
+    EXPECT_TRUE(monitor.isPolling());
+    monitor.endPolling();
+
+    EXPECT_FALSE(monitor.requestInputMonitoring());
+    // Read at once, not a second later.
+    EXPECT_EQ(monitor.state(Permission::inputMonitoring), PermissionState::denied);
+    EXPECT_TRUE(monitor.isPolling());
+
+    monitor.openSettings(Permission::accessibility);
+    monitor.openSettings(Permission::inputMonitoring);
+    EXPECT_EQ(opened, (std::vector<std::string>{
+                          "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility",
+                          "x-apple.systempreferences:com.apple.preference.security?Privacy_ListenEvent"}));
+}

@@ -1,5 +1,6 @@
 #include "CoreKit/EventTap.h"
 #include "Platform/Simulated/SessionBridge.h"
+#include "Platform/Simulated/SimulatedDesktop.h"
 #include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -70,4 +71,53 @@ TEST(SessionBridge, ASocketLeftByAKilledRunIsReplaced) {
     auto bridge = SessionBridge::listen(session, dir / "session.sock");
     ASSERT_TRUE(bridge);
     EXPECT_EQ(SessionBridge::sendKey(dir / "session.sock", 1, 4), std::nullopt);
+}
+
+TEST(SessionBridge, PermissionAndActivateRequestsScriptTheDesktop) {
+    SimulatedSession session;
+    SimulatedDesktop desktop;
+    const auto editor = desktop.addApplication({.pid = 501, .bundleID = "org.gnome.TextEditor", .name = "Text Editor"});
+    desktop.addApplication({.pid = 502, .bundleID = "com.orvell.tavrick", .name = "Tavrick"});
+    desktop.activate(editor);
+    int changes = 0;
+    desktop.setOnPermissionsChange([&] { ++changes; });
+
+    const std::string usage =
+        "error expected: permission <accessibility|inputMonitoring> <granted|denied|notDetermined>\n";
+    struct Case {
+        const char* request;
+        std::string answer;
+    };
+    const Case cases[] = {
+        {"permission accessibility denied", "ok\n"},
+        {"permission inputMonitoring notDetermined", "ok\n"},
+        {"permission accessibility maybe", usage},
+        {"permission camera granted", usage},
+        {"permission accessibility", usage},
+        {"permission accessibility granted now", "error too many arguments\n"},
+        {"activate com.orvell.tavrick", "ok\n"},
+        {"activate com.example.Gone", "error no running application has the bundle id com.example.Gone\n"},
+        {"activate", "error expected: activate <bundle id>\n"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(SessionBridge::handle(session, &desktop, c.request), c.answer) << c.request;
+    EXPECT_EQ(desktop.accessibilityPermission(), SimulatedPermission::denied);
+    EXPECT_EQ(desktop.listenAccess(), 2);
+    EXPECT_EQ(changes, 2);
+    EXPECT_EQ(desktop.frontmostApplication()->bundleIdentifier, "com.orvell.tavrick");
+
+    // A bridge without a desktop says so rather than pretending.
+    EXPECT_EQ(SessionBridge::handle(session, "permission accessibility granted"),
+              "error this session has no simulated desktop\n");
+}
+
+TEST(SessionBridge, APermissionSetFromAnotherProcessReachesTheDesktop) {
+    TempDir dir;
+    SimulatedSession session;
+    SimulatedDesktop desktop;
+    auto bridge = SessionBridge::listen(session, &desktop, dir / "s.sock");
+    ASSERT_TRUE(bridge);
+    EXPECT_EQ(SessionBridge::send(dir / "s.sock", "permission accessibility denied"), std::nullopt);
+    EXPECT_FALSE(desktop.isAccessibilityTrusted());
+    EXPECT_EQ(SessionBridge::send(dir / "s.sock", "permission accessibility sometimes"),
+              "expected: permission <accessibility|inputMonitoring> <granted|denied|notDetermined>");
 }

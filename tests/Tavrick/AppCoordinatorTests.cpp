@@ -5,6 +5,7 @@
 #include "CoreKit/Modifiers.h"
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/Toast.h"
+#include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
@@ -71,11 +72,28 @@ protected:
                                                  [this] {
                                                      return inputMonitoring == PermissionState::granted ? 0
                                                             : inputMonitoring == PermissionState::denied ? 1 : 2;
-                                                 }},
+                                                 },
+                                                 [this] { ++accessibilityPrompts; },
+                                                 [this] {
+                                                     ++listenRequests;
+                                                     return inputMonitoring == PermissionState::granted;
+                                                 },
+                                                 [this](const std::string& url) { openedSettings.push_back(url); }},
             .footprint = [this] { return footprint; },
             .version = "1.2.3",
             .build = "45",
             .operatingSystemVersion = "Debian 12",
+            .applications = desktop,
+            .launcher = desktop,
+            .screens = desktop,
+            .windowList = desktop,
+            .windowAccessibility = desktop,
+            .finderDefaults = finderDefaults,
+            .home = root.path(),
+            .processIdentifier = ownPid,
+            .loginItems = LoginItemService{[this] { return loginStatus; }, [] { return std::nullopt; },
+                                           [] { return std::nullopt; }, nullptr},
+            .secrets = secrets,
         };
     }
 
@@ -131,6 +149,14 @@ protected:
     PermissionState accessibility = PermissionState::granted;
     PermissionState inputMonitoring = PermissionState::granted;
     std::optional<std::uint64_t> footprint = 25 * 1024 * 1024;
+    static constexpr std::int32_t ownPid = 777;
+    SimulatedDesktop desktop;
+    InMemoryPreferenceStore finderDefaults;
+    int loginStatus = 0;
+    InMemorySecretStore secrets;
+    int accessibilityPrompts = 0;
+    int listenRequests = 0;
+    std::vector<std::string> openedSettings;
 };
 
 const Modifiers controlOption = Modifiers::control | Modifiers::option;
@@ -392,4 +418,54 @@ TEST_F(CoordinatorTest, APermissionChangeSeenWhileTheEnginesStartDoesNotStartThe
     EXPECT_TRUE(coordinator->hotkeys().isRunning());
     EXPECT_EQ(session.taps().size(), 1u);
     EXPECT_FALSE(coordinator->permissions().isPolling());
+}
+
+TEST_F(CoordinatorTest, AWindowShortcutMovesTheFrontmostWindowOfTheDesktop) {
+    desktop.setScreens({ScreenInfo{Rect{{0, 0}, {1440, 900}}, Rect{{0, 70}, {1440, 805}}}});
+    const auto editor = desktop.addApplication({.pid = 501, .bundleID = "org.gnome.TextEditor", .name = "Text Editor"});
+    const auto window = desktop.addWindow(editor, "Untitled", Rect{{200, 120}, {800, 600}});
+    desktop.activate(editor);
+    make()->start();
+    press(KeyCodes::leftArrow, controlOption);
+    // Accessibility coordinates: 25 points of menu bar above the visible frame.
+    EXPECT_EQ(desktop.windowFrame(window), (Rect{{0, 25}, {720, 805}}));
+
+    // Tavrick's own window in front is never the target.
+    desktop.addApplication({.pid = ownPid, .bundleID = "com.orvell.tavrick", .name = "Tavrick"});
+    desktop.activate(ownPid);
+    desktop.clearRecords();
+    press(KeyCodes::leftArrow, controlOption);
+    EXPECT_TRUE(desktop.accessibilityWrites().empty());
+}
+
+TEST_F(CoordinatorTest, RequestingAPermissionPromptsAndOpensThePaneOnlyWhenItHelps) {
+    const std::string accessibilityPane = "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility";
+    const std::string inputPane = "x-apple.systempreferences:com.apple.preference.security?Privacy_ListenEvent";
+    make()->start();
+    coordinator->requestPermission(Permission::accessibility);
+    EXPECT_EQ(accessibilityPrompts, 1);
+    EXPECT_TRUE(coordinator->permissions().isPolling());
+    EXPECT_EQ(openedSettings, std::vector<std::string>{accessibilityPane});
+
+    // Not asked before: the system's own request shows, so no pane.
+    inputMonitoring = PermissionState::unknown;
+    coordinator->permissions().refresh();
+    coordinator->requestPermission(Permission::inputMonitoring);
+    EXPECT_EQ(listenRequests, 1);
+    EXPECT_EQ(openedSettings.size(), 1u);
+    // Refused before: the request alone does nothing any more, so the pane opens.
+    inputMonitoring = PermissionState::denied;
+    coordinator->permissions().refresh();
+    coordinator->requestPermission(Permission::inputMonitoring);
+    EXPECT_EQ(listenRequests, 2);
+    EXPECT_EQ(openedSettings, (std::vector<std::string>{accessibilityPane, inputPane}));
+}
+
+TEST_F(CoordinatorTest, TheLoginItemAndTheKeychainAreTheCoordinators) {
+    loginStatus = 1;
+    make();
+    coordinator->loginItem().refresh();
+    EXPECT_TRUE(coordinator->loginItem().state().get().isOn());
+    EXPECT_TRUE(coordinator->keychain().set("sk-test", "anthropic-api-key"));
+    EXPECT_EQ(secrets.copy("com.orvell.tavrick", "anthropic-api-key").data, "sk-test");
 }

@@ -1,3 +1,5 @@
+#include "Platform/Simulated/SimulatedDesktop.h"
+#include "CoreKit/SecretStore.h"
 // The coordinator's side of the trackpad and mouse engines: start order, errors, the master
 // switch and waking from sleep.
 #include "CoreKit/DiagnosticLog.h"
@@ -78,6 +80,15 @@ protected:
             .version = "1.2.3",
             .build = "45",
             .operatingSystemVersion = "Debian 12",
+            .applications = desktop,
+            .launcher = desktop,
+            .screens = desktop,
+            .windowList = desktop,
+            .windowAccessibility = desktop,
+            .finderDefaults = finderDefaults,
+            .home = root.path(),
+            .loginItems = {},
+            .secrets = secrets,
             .touchSource = std::move(source),
             .frontmostBundleID = "com.apple.Safari",
         });
@@ -113,6 +124,9 @@ protected:
     TempDir root;
     ManualScheduler scheduler;
     SimulatedSession session;
+    SimulatedDesktop desktop;
+    InMemoryPreferenceStore finderDefaults;
+    InMemorySecretStore secrets;
     InMemoryPreferenceStore defaults;
     WorkspaceNotifications workspace{scheduler};
     std::shared_ptr<DiagnosticLog> log;

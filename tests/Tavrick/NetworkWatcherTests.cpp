@@ -1,3 +1,5 @@
+#include "Platform/Simulated/SimulatedDesktop.h"
+#include "CoreKit/SecretStore.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/PreferenceStore.h"
@@ -46,6 +48,9 @@ struct NetworkWatcherTest : ::testing::Test {
     TempDir root;
     ManualScheduler scheduler;
     SimulatedSession session;
+    SimulatedDesktop desktop;
+    InMemoryPreferenceStore finderDefaults;
+    InMemorySecretStore secrets;
     InMemoryPreferenceStore defaults;
     WorkspaceNotifications workspace{scheduler};
     struct Notifications : UserNotificationCenter {
@@ -89,6 +94,15 @@ struct NetworkWatcherTest : ::testing::Test {
             .version = "1.0",
             .build = "1",
             .operatingSystemVersion = "Debian 12",
+            .applications = desktop,
+            .launcher = desktop,
+            .screens = desktop,
+            .windowList = desktop,
+            .windowAccessibility = desktop,
+            .finderDefaults = finderDefaults,
+            .home = root.path(),
+            .loginItems = {},
+            .secrets = secrets,
             .network = network,
         });
         return *coordinator;

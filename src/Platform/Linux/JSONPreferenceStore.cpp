@@ -5,9 +5,9 @@
 #include "CoreKit/Directories.h"
 #include "CoreKit/FileIO.h"
 #include "CoreKit/Log.h"
+#include "Platform/Linux/Base64.h"
 
 #include <nlohmann/json.hpp>
-#include <openssl/evp.h>
 
 #include <array>
 #include <cctype>
@@ -34,30 +34,6 @@ constexpr const char* dictionaryMarker = "$dictionary";
 // long of the last read may leave every stat field as it was; within it the bytes are compared.
 constexpr double racyWindowSeconds = 0.1;
 
-std::string base64Encode(const PreferenceValue::Data& bytes) {
-    std::string out((bytes.size() + 2) / 3 * 4 + 1, '\0');
-    int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()), bytes.data(), static_cast<int>(bytes.size()));
-    out.resize(static_cast<std::size_t>(length));
-    return out;
-}
-
-// Strict: the standard alphabet, padded to a multiple of four, nothing else (the library's
-// decoder would also let white space through).
-std::optional<PreferenceValue::Data> base64Decode(std::string_view text) {
-    if (text.size() % 4 != 0) return std::nullopt;
-    std::size_t padding = 0;
-    while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
-    for (std::size_t i = 0; i + padding < text.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (!std::isalnum(c) && c != '+' && c != '/') return std::nullopt;
-    }
-    PreferenceValue::Data out(text.size() / 4 * 3);
-    int length = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-    if (length < 0) return std::nullopt;
-    out.resize(static_cast<std::size_t>(length) - padding);
-    return out;
-}
-
 json toJSON(const PreferenceValue& value);
 
 json dictionaryToJSON(const PreferenceValue::Dictionary& dictionary) {
@@ -74,7 +50,7 @@ json toJSON(const PreferenceValue& value) {
         if (!std::isfinite(*value.asReal())) throw std::invalid_argument("a real that is not finite");
         return *value.asReal();
     case PreferenceValue::Kind::string: return *value.asString();
-    case PreferenceValue::Kind::data: return json{{dataMarker, base64Encode(*value.asData())}};
+    case PreferenceValue::Kind::data: return json{{dataMarker, Base64::encode(value.asData()->data(), value.asData()->size())}};
     case PreferenceValue::Kind::array: {
         json array = json::array();
         for (const auto& item : *value.asArray()) array.push_back(toJSON(item));
@@ -129,7 +105,7 @@ std::optional<PreferenceValue> fromJSON(const json& value, const std::string& pa
         if (value.size() == 1) {
             auto marker = value.begin();
             if (marker.key() == dataMarker && marker->is_string()) {
-                if (auto bytes = base64Decode(marker->get_ref<const std::string&>())) {
+                if (auto bytes = Base64::decode(marker->get_ref<const std::string&>())) {
                     return PreferenceValue(std::move(*bytes));
                 }
             }

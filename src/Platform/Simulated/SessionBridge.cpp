@@ -119,12 +119,37 @@ bool SessionBridge::postStroke(EventSystem& session, const std::string& strokes)
 }
 
 std::string SessionBridge::handle(SimulatedSession& session, const std::string& request) {
+    return handle(session, nullptr, request);
+}
+
+std::string SessionBridge::handle(SimulatedSession& session, SimulatedDesktop* desktop, const std::string& request) {
     std::istringstream words(request);
     std::string verb, key, modifiers, extra;
     words >> verb >> key >> modifiers;
     if (verb == "stroke") {
         if (!modifiers.empty()) return "error too many arguments\n";
         if (!postStroke(session, key)) return "error expected: stroke <up|down|left|right,… at most three> or stroke click\n";
+        return "ok\n";
+    }
+    if (verb == "permission" || verb == "activate") {
+        if (!desktop) return "error this session has no simulated desktop\n";
+        if (words >> extra) return "error too many arguments\n";
+        if (verb == "activate") {
+            if (key.empty() || !modifiers.empty()) return "error expected: activate <bundle id>\n";
+            auto running = desktop->runningApplications(key);
+            if (running.empty()) return "error no running application has the bundle id " + key + "\n";
+            desktop->activate(running.front().processIdentifier);
+            return "ok\n";
+        }
+        auto state = fromRaw<SimulatedPermission>(modifiers);
+        if ((key != "accessibility" && key != "inputMonitoring") || !state) {
+            return "error expected: permission <accessibility|inputMonitoring> <granted|denied|notDetermined>\n";
+        }
+        if (key == "accessibility") {
+            desktop->setAccessibilityPermission(*state);
+        } else {
+            desktop->setInputMonitoringPermission(*state);
+        }
         return "ok\n";
     }
     if (verb != "key") return "error unknown request\n";
@@ -137,6 +162,11 @@ std::string SessionBridge::handle(SimulatedSession& session, const std::string& 
 }
 
 std::unique_ptr<SessionBridge> SessionBridge::listen(SimulatedSession& session, std::filesystem::path socketPath) {
+    return listen(session, nullptr, std::move(socketPath));
+}
+
+std::unique_ptr<SessionBridge> SessionBridge::listen(SimulatedSession& session, SimulatedDesktop* desktop,
+                                                     std::filesystem::path socketPath) {
     sockaddr_un address;
     if (!fillAddress(socketPath, address)) {
         Log::core.error("Session bridge: the socket path is too long: %s", socketPath.c_str());
@@ -166,12 +196,13 @@ std::unique_ptr<SessionBridge> SessionBridge::listen(SimulatedSession& session, 
         close(listener);
         return nullptr;
     }
-    return std::unique_ptr<SessionBridge>(new SessionBridge(session, std::move(socketPath), listener, wake[0], wake[1]));
+    return std::unique_ptr<SessionBridge>(
+        new SessionBridge(session, desktop, std::move(socketPath), listener, wake[0], wake[1]));
 }
 
-SessionBridge::SessionBridge(SimulatedSession& session, std::filesystem::path path, int listener, int wakeRead,
-                             int wakeWrite)
-    : session_(session), path_(std::move(path)), listener_(listener), wakeRead_(wakeRead), wakeWrite_(wakeWrite) {
+SessionBridge::SessionBridge(SimulatedSession& session, SimulatedDesktop* desktop, std::filesystem::path path,
+                             int listener, int wakeRead, int wakeWrite)
+    : session_(session), desktop_(desktop), path_(std::move(path)), listener_(listener), wakeRead_(wakeRead), wakeWrite_(wakeWrite) {
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -207,7 +238,7 @@ void SessionBridge::serve() {
                 }
                 writeAll(client, player ? player(line->substr(8)) : "error this Tavrick has no simulated trackpad\n");
             } else {
-                writeAll(client, handle(session_, *line));
+                writeAll(client, handle(session_, desktop_, *line));
             }
         }
         close(client);
@@ -264,9 +295,13 @@ bool SessionBridge::isListening(const std::filesystem::path& socketPath) {
 
 std::optional<std::string> SessionBridge::sendKey(const std::filesystem::path& socketPath, std::uint16_t keyCode,
                                                   std::int64_t modifiers) {
+    return send(socketPath, "key " + std::to_string(keyCode) + " " + std::to_string(modifiers));
+}
+
+std::optional<std::string> SessionBridge::send(const std::filesystem::path& socketPath, const std::string& line) {
     int fd = connectTo(socketPath);
     if (fd < 0) return std::string("no Tavrick is listening");
-    std::string request = "key " + std::to_string(keyCode) + " " + std::to_string(modifiers) + "\n";
+    const std::string request = line + "\n";
     std::optional<std::string> failure;
     if (!writeAll(fd, request)) {
         failure = "the running Tavrick did not take the request";

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SimulatedSession.h"
 
 #include <atomic>
@@ -19,16 +20,22 @@ namespace tavrick {
 // in its support directory; `tavrick --post-key` from another terminal connects and sends a key
 // press, which then travels through the application's taps like a key the user pressed.
 //
-// The protocol is one line a request, "key <keyCode> <modifiers>\n", answered with "ok\n" or
-// "error <reason>\n". "touches <path>\n" plays a touchpad recording into the application's
-// simulated trackpad, when it has one, and is answered "ok <frames>\n". "stroke <directions>\n"
-// draws with the right button: up to three of up, down, left and right joined by commas, or
-// "click" for a right click that does not move.
+// The protocol is one line a request, answered with "ok\n" (or "ok <frames>\n" for touches) or
+// "error <reason>\n":
+//   key <keyCode> <modifiers>                     a key press through the taps
+//   touches <path>                                plays a touchpad recording into the simulated trackpad
+//   stroke <directions>                           a right-button stroke: up to three of up, down, left
+//                                                 and right joined by commas, or "click"
+//   permission <accessibility|inputMonitoring> <granted|denied|notDetermined>
+//   activate <bundle id>                          brings a running application to the front
+// The last two need the simulated desktop.
 class SessionBridge {
 public:
     // Starts listening; nothing (and a log line) when the socket cannot be made. A stale socket
     // left by a killed run is replaced; a live one (another copy running) is left alone.
     static std::unique_ptr<SessionBridge> listen(SimulatedSession& session, std::filesystem::path socketPath);
+    static std::unique_ptr<SessionBridge> listen(SimulatedSession& session, SimulatedDesktop* desktop,
+                                                 std::filesystem::path socketPath);
     ~SessionBridge();
     SessionBridge(const SessionBridge&) = delete;
     SessionBridge& operator=(const SessionBridge&) = delete;
@@ -39,6 +46,8 @@ public:
     // otherwise the reason.
     static std::optional<std::string> sendKey(const std::filesystem::path& socketPath, std::uint16_t keyCode,
                                               std::int64_t modifiers);
+    // Sends one request line (without its newline). Nothing on success, otherwise the reason.
+    static std::optional<std::string> send(const std::filesystem::path& socketPath, const std::string& request);
 
     // Sends one right-button stroke ("up,left", or "click"). Nothing on success, otherwise the reason.
     static std::optional<std::string> sendStroke(const std::filesystem::path& socketPath, const std::string& strokes);
@@ -59,12 +68,15 @@ public:
 
     // Handles one request line, posting into `session`; returns the answer line.
     static std::string handle(SimulatedSession& session, const std::string& request);
+    static std::string handle(SimulatedSession& session, SimulatedDesktop* desktop, const std::string& request);
 
 private:
-    SessionBridge(SimulatedSession& session, std::filesystem::path path, int listener, int wakeRead, int wakeWrite);
+    SessionBridge(SimulatedSession& session, SimulatedDesktop* desktop, std::filesystem::path path, int listener,
+                  int wakeRead, int wakeWrite);
     void serve();
 
     SimulatedSession& session_;
+    SimulatedDesktop* desktop_;
     std::filesystem::path path_;
     int listener_;
     int wakeRead_;

@@ -39,6 +39,7 @@ struct SimulatedSession::Core {
     std::uint64_t nextTapID = 1;
     bool tapCreationAllowed = true;
     bool eventCreationAllowed = true;
+    bool eventSourceAvailable = true;
     double callbackTimeout = defaultCallbackTimeout;
 
     std::deque<Event> queue;
@@ -307,6 +308,16 @@ bool SimulatedSession::isTapCreationAllowed() const {
 void SimulatedSession::setEventCreationAllowed(bool allowed) {
     std::lock_guard lock(core_->mutex);
     core_->eventCreationAllowed = allowed;
+}
+
+bool SimulatedSession::hasEventSource() const {
+    std::lock_guard lock(core_->mutex);
+    return core_->eventSourceAvailable;
+}
+
+void SimulatedSession::setEventSourceAvailable(bool available) {
+    std::lock_guard lock(core_->mutex);
+    core_->eventSourceAvailable = available;
 }
 
 void SimulatedSession::setCallbackTimeout(double seconds) {

@@ -50,12 +50,14 @@ public:
     std::optional<Event> makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) override;
     // Refused, like keys, while event creation is not allowed.
     std::optional<Event> makeMouseEvent(EventType type, Point location, std::int64_t button) override;
+    bool hasEventSource() const override;
 
     // Scripting, from any thread.
     void setTapCreationAllowed(bool allowed);
     // Whether taps are granted, which is what both permissions amount to here.
     bool isTapCreationAllowed() const;
     void setEventCreationAllowed(bool allowed);
+    void setEventSourceAvailable(bool available);
     void setCallbackTimeout(double seconds);
     // Disables the tap as the system would; the notice, when there is one, reaches the tap's
     // callback on its own thread.
