@@ -228,9 +228,6 @@ int TavrickApp::main(int argc, char** argv) {
               << "  mappings : " << mappingsFile.string() << "\n"
               << "  settings : " << defaultsFile.string() << "\n"
               << "  desktop  : " << stateFile.string() << "\n"
-
-    auto coordinator = AppCoordinator::make(environment);
-    auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath());
               << "  gestures : " << touchSourceDescription << "\n"
               << std::flush;
 
