@@ -5,6 +5,7 @@
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/Toast.h"
+#include "GestureEngine/TouchFixtures.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
 #include "Support/LogCapture.h"
@@ -13,8 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <sstream>
 
 using namespace tavrick;
 using namespace tavrick::testing;
@@ -37,13 +36,6 @@ const char* mappingsFile = R"({
   ],
   "schemaVersion": 1
 })";
-
-TouchFrame hand(double time, double x) {
-    TouchFrame frame;
-    frame.timestamp = time;
-    for (int i = 0; i < 3; ++i) frame.touches.push_back(Touch{i + 1, x + 0.0625 * (i - 1), 0.5, 0.5, true});
-    return frame;
-}
 
 class GestureCoordinatorTest : public ::testing::Test {
 protected:
@@ -84,16 +76,10 @@ protected:
         return coordinator;
     }
 
-    std::vector<std::string> notes() {
-        log->flush();
-        std::vector<std::string> lines;
-        std::istringstream in(log->contents());
-        for (std::string line; std::getline(in, line);) lines.push_back(line.size() > 24 ? line.substr(24) : line);
-        return lines;
-    }
+    // A whole line of the diagnostic log, after its stamp.
     bool noted(const std::string& line) {
-        auto all = notes();
-        return std::find(all.begin(), all.end(), line) != all.end();
+        log->flush();
+        return log->contents().find(" " + line + "\n") != std::string::npos;
     }
 
     void drag(std::vector<Point> points) {
@@ -129,7 +115,7 @@ TEST_F(GestureCoordinatorTest, AGestureEngineThatCannotStartIsItsOwnErrorAndStop
     EXPECT_EQ(coordinator->gestureError().get(), "The system multitouch service could not be opened.");
     EXPECT_TRUE(lines.contains("gesture", "Gesture engine did not start: The system multitouch service could not be opened."));
     EXPECT_EQ(coordinator->engineError().get(), std::nullopt);
-    EXPECT_TRUE(coordinator->hotkeys().isRunning() || session.taps().size() >= 1);
+    EXPECT_TRUE(coordinator->hotkeys().isRunning());
     EXPECT_TRUE(coordinator->mouseGestures().isRunning()) << "the mouse engine came up before";
 
     coordinator->setEnabled(false);
@@ -159,7 +145,7 @@ TEST_F(GestureCoordinatorTest, ASwipeOnTheTrackpadRunsItsActionOnTheMainThread) 
     make(trackpad)->start();
     ASSERT_TRUE(coordinator->gestures().isRunning());
     EXPECT_EQ(coordinator->gestureError().get(), std::nullopt);
-    trackpad->play({hand(0, 0.5), hand(0.0625, 0.5), hand(0.25, 0.375), TouchFrame{{}, 0.3125}});
+    trackpad->play({fingers(0, 3), fingers(0.0625, 3), fingers(0.25, 3, 0.375), lifted(0.3125)});
     EXPECT_FALSE(noted("[action] running Left Half")) << "not before the main queue runs";
     scheduler.runUntilIdle();
     EXPECT_TRUE(noted("[action] running Left Half"));
@@ -183,12 +169,6 @@ TEST_F(GestureCoordinatorTest, MouseStrokesRunTheirActionsAndTheFrontAppsBinding
     scheduler.runUntilIdle();
     drag({{300, 300}, {220, 300}});
     EXPECT_TRUE(noted("[action] running Top Half"));
-
-    // A plain right click still reaches the application, as a click.
-    session.clearDelivered();
-    drag({{10, 10}});
-    ASSERT_EQ(session.delivered().size(), 2u);
-    EXPECT_EQ(session.delivered()[0].type, EventType::rightMouseDown);
 }
 
 TEST_F(GestureCoordinatorTest, TheMasterSwitchStopsAndRestartsBothEngines) {
@@ -221,10 +201,12 @@ TEST_F(GestureCoordinatorTest, WakingReopensTheTrackpadStreamOnlyWhenItRan) {
     EXPECT_EQ(coordinator->gestureError().get(), std::nullopt) << "the error text stays as it was";
 
     // Not running now: a wake does nothing at all.
-    const auto before = notes().size();
+    log->flush();
+    const auto before = log->contents();
     trackpad->setConnected(true);
     workspace.post({WorkspaceEvent::didWake, std::nullopt});
     scheduler.runUntilIdle();
-    EXPECT_EQ(notes().size(), before);
+    log->flush();
+    EXPECT_EQ(log->contents(), before);
     EXPECT_FALSE(coordinator->gestures().isRunning());
 }
