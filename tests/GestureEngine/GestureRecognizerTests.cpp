@@ -32,9 +32,10 @@ std::vector<TouchFrame> settledThree(double t0) {
     return {fingers(t0, 3), fingers(t0 + 0.05, 3)};
 }
 
-std::vector<TouchFrame> counts(std::vector<int> counts) {
+// One frame every hundredth of a second with these finger counts.
+std::vector<TouchFrame> counts(std::vector<int> sequence) {
     std::vector<TouchFrame> frames;
-    for (int count : counts) frames.push_back(fingers(0.01 * static_cast<double>(frames.size()), count));
+    for (int count : sequence) frames.push_back(fingers(0.01 * static_cast<double>(frames.size()), count));
     return frames;
 }
 

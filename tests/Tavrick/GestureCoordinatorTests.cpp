@@ -125,12 +125,8 @@ TEST_F(GestureCoordinatorTest, AGestureEngineThatCannotStartIsItsOwnErrorAndStop
 TEST_F(GestureCoordinatorTest, StoreChangesReachTheEnginesInOrderOnTheCallingThread) {
     make(trackpad)->start();
     LogCapture lines(LogLevel::info);
-    Mapping tap;
-    tap.id = UUID::random();
-    tap.name = "Tap";
-    tap.trigger = Trigger::gesture(GestureSpec{4, GestureKind::tap, std::nullopt});
-    tap.action = ActionSpec::toggleAwake();
-    coordinator->store().add(tap);
+    coordinator->store().add(
+        gestureMapping("Tap", GestureSpec{4, GestureKind::tap, std::nullopt}, true, ActionSpec::toggleAwake()));
     // Nothing was run on any queue: the engines have it already.
     EXPECT_TRUE(coordinator->gestures().table().match(GestureSpec{4, GestureKind::tap, std::nullopt}));
     std::vector<std::string> order;
