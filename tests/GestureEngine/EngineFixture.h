@@ -28,26 +28,20 @@ protected:
         });
     }
 
-    // The diagnostic notes under "gesture", without their stamps.
-    std::vector<std::string> notes() {
+    // The diagnostic notes under "gesture", without their stamps; only the per-hand lines when
+    // `sessionsOnly`.
+    std::vector<std::string> notes(bool sessionsOnly = false) {
         scheduler.runUntilIdle();
         std::vector<std::string> lines;
         std::istringstream in(log->contents());
-        const std::string tag = " [gesture] ";
+        const std::string tag = sessionsOnly ? " [gesture] session " : " [gesture] ";
         for (std::string line; std::getline(in, line);) {
             auto at = line.find(tag);
-            if (at != std::string::npos) lines.push_back(line.substr(at + tag.size()));
+            if (at != std::string::npos) lines.push_back(line.substr(at + 11));
         }
         return lines;
     }
-
-    std::vector<std::string> sessionLines() {
-        std::vector<std::string> out;
-        for (auto& line : notes()) {
-            if (line.rfind("session ", 0) == 0) out.push_back(line);
-        }
-        return out;
-    }
+    std::vector<std::string> sessionLines() { return notes(true); }
 
     void play(const std::vector<TouchFrame>& frames) {
         for (const auto& frame : frames) engine.handle(frame);

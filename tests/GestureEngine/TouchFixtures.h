@@ -3,6 +3,8 @@
 #include "CoreKit/Models.h"
 #include "GestureEngine/TouchFrame.h"
 
+#include <exception>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,6 +44,17 @@ inline Mapping gestureMapping(std::string name, GestureSpec spec, bool enabled =
 
 inline GestureSpec swipe(int fingers, GestureDirection direction) {
     return GestureSpec{fingers, GestureKind::swipe, direction};
+}
+
+// What `action` threw, or nothing when it returned.
+template <class F>
+std::optional<std::string> thrown(F&& action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return std::nullopt;
 }
 
 } // namespace tavrick::testing
