@@ -36,6 +36,10 @@ extern const Logger hotkey;
 extern const Logger gesture;
 extern const Logger action;
 extern const Logger permissions;
+extern const Logger pomodoro;
+extern const Logger clipboard;
+extern const Logger notepad;
+extern const Logger lid;
 
 // Debug is off unless asked for.
 void setMinimumLevel(LogLevel level);

@@ -1,6 +1,9 @@
 #pragma once
 
 #include "ActionKit/ActionRunner.h"
+#include "AwakeKit/AwakeController.h"
+#include "AwakeKit/LidWatcher.h"
+#include "ClipboardKit/ClipboardMonitor.h"
 #include "CoreKit/AppSettings.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/Dispatch.h"
@@ -13,6 +16,8 @@
 #include "CoreKit/UserNotifications.h"
 #include "CoreKit/WorkspaceNotifications.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "NotepadKit/Notepad.h"
+#include "PomodoroKit/PomodoroController.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -20,6 +25,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tavrick {
 
@@ -40,6 +46,16 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
+    // Where the clipboard history and the note live; empty means the mappings file's folder.
+    std::filesystem::path supportDirectory;
+    // The everyday services' platform; each one left empty gets the stand-in (a simulated
+    // pasteboard, assertions held in memory, processes from /proc, no lid).
+    std::shared_ptr<Pasteboard> pasteboard;
+    std::shared_ptr<PowerAssertions> powerAssertions;
+    std::shared_ptr<ProcessWatcher> processes;
+    LidSensors lidSensors;
+    // Who is in front, for the clipboard's exclusions; unset means nobody known.
+    std::function<std::optional<ClipboardSourceApp>()> frontmostApplication;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -72,6 +88,16 @@ public:
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
+    Notepad& notepad() { return *notepad_; }
+    AwakeController& awake() { return *awake_; }
+    LidWatcher& lid() { return *lid_; }
+    PomodoroController& pomodoro() { return *pomodoro_; }
+    ClipboardMonitor& clipboard() { return *clipboard_; }
+    // The keep-awake session running now was started for a Pomodoro focus phase.
+    bool pomodoroHoldsAwake() const { return pomodoroHoldsAwake_; }
+
+    // Opens the settings window; installed by the menu bar once it is up.
+    std::function<void()> presentSettings;
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -85,14 +111,27 @@ private:
     void announceLaunch();
     void runOnMain(const Mapping& mapping);
     void permissionsDidChange();
+    void installEverydayClosures();
+    void startEverydayServices();
+    void pomodoroPhaseEnded(PomodoroPhase finished, PomodoroPhase next);
+    void pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning);
+    void showNotepad();
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
+    std::unique_ptr<Notepad> notepad_;
+    std::unique_ptr<AwakeController> awake_;
+    std::unique_ptr<LidJournal> lidJournal_;
+    std::unique_ptr<LidWatcher> lid_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<PomodoroController> pomodoro_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<ActionRunner> actions_;
+    std::unique_ptr<ClipboardMonitor> clipboard_;
+    bool pomodoroHoldsAwake_ = false;
+    std::vector<Observation> everydayObservations_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;

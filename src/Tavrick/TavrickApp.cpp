@@ -11,12 +11,16 @@
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
+#include "Platform/Linux/LinuxLidSensors.h"
+#include "Platform/Linux/LinuxProcessWatcher.h"
+#include "Platform/Linux/LogindPowerAssertions.h"
 #include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
 #include "Platform/Linux/TerminalNotifications.h"
 #include "Platform/Linux/TerminalToast.h"
 #include "Platform/Linux/TerminationSignals.h"
 #include "Platform/Simulated/SessionBridge.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/AppDelegate.h"
@@ -89,6 +93,9 @@ int TavrickApp::main(int argc, char** argv) {
     WorkspaceNotifications workspace(scheduler);
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
+    // The session's pasteboard; its state file shows the change count and types, never the text.
+    auto pasteboard = std::make_shared<SimulatedPasteboard>();
+    pasteboard->setStateFile(supportDirectory() / "session-state.json");
 
     AppEnvironment environment{
         .scheduler = scheduler,
@@ -106,6 +113,13 @@ int TavrickApp::main(int argc, char** argv) {
         .version = AppInfo::version(),
         .build = AppInfo::build(),
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
+        .supportDirectory = supportDirectory(),
+        .pasteboard = pasteboard,
+        .powerAssertions = LogindPowerAssertions::makeBest(),
+        .processes = std::make_shared<LinuxProcessWatcher>(),
+        .lidSensors = LinuxLidSensors::make("/"),
+        // Nobody is known to be in front until the workspace port answers it.
+        .frontmostApplication = {},
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
@@ -115,9 +129,12 @@ int TavrickApp::main(int argc, char** argv) {
               << std::flush;
 
     auto coordinator = AppCoordinator::make(environment);
-    auto bridge = SessionBridge::listen(session, sessionSocketPath());
+    auto bridge = SessionBridge::listen(session, sessionSocketPath(), pasteboard.get());
     if (bridge) {
-        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
+        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n"
+                  << "  copies   : \"copy\" and a line, then the text, to " << sessionSocketPath().string()
+                  << " puts it on this session's pasteboard\n"
+                  << std::flush;
     }
 
     std::weak_ptr<AppCoordinator> weak = coordinator;
