@@ -17,7 +17,7 @@ fs::path Notepad::defaultURL() {
 }
 
 Notepad::Notepad(std::optional<fs::path> fileURL, double debounce, Scheduler& scheduler, DiagnosticLog& log)
-    : fileURL_(fileURL.value_or(defaultURL())), debounce_(debounce), scheduler_(scheduler), log_(log) {
+    : fileURL_(fileURL ? std::move(*fileURL) : defaultURL()), debounce_(debounce), scheduler_(scheduler), log_(log) {
     int error = 0;
     auto contents = FileIO::readAll(fileURL_, error);
     if (!contents) {

@@ -70,6 +70,12 @@ protected:
             .version = "1.2.3",
             .build = "45",
             .operatingSystemVersion = "Debian 12",
+            .supportDirectory = {},
+            .pasteboard = nullptr,
+            .powerAssertions = nullptr,
+            .processes = nullptr,
+            .lidSensors = nullptr,
+            .frontmostApplication = nullptr,
         });
         return coordinator;
     }

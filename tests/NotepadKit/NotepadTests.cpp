@@ -1,0 +1,171 @@
+#include "CoreKit/ManualScheduler.h"
+#include "NotepadKit/Notepad.h"
+#include "Support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using namespace tavrick;
+using namespace tavrick::testing;
+
+namespace {
+
+class NotepadTest : public ::testing::Test {
+protected:
+    void SetUp() override { log = DiagnosticLog::make(root / "logs", scheduler); }
+
+    std::unique_ptr<Notepad> make() {
+        auto notepad = std::make_unique<Notepad>(file, 0.5, scheduler, *log);
+        notepad->onSaveFailure = [this](const std::string& path) { failures.push_back(path); };
+        return notepad;
+    }
+
+    std::string logText() {
+        log->flush();
+        return log->contents();
+    }
+
+    // Counts writes by the file's inode: an atomic write always makes a new one.
+    ino_t inode() const {
+        struct stat info {};
+        return ::stat(file.c_str(), &info) == 0 ? info.st_ino : 0;
+    }
+
+    TempDir root;
+    ManualScheduler scheduler;
+    std::shared_ptr<DiagnosticLog> log;
+    std::filesystem::path file = root / "deep/folder/Notepad.txt";
+    std::vector<std::string> failures;
+};
+
+} // namespace
+
+TEST_F(NotepadTest, ABurstOfEditsIsOneWriteHalfASecondAfterTheLast) {
+    auto notepad = make();
+    notepad->setText("a");
+    scheduler.advance(0.3);
+    notepad->setText("ab");
+    scheduler.advance(0.3);
+    notepad->setText("abc");
+    scheduler.advance(0.49);
+    EXPECT_FALSE(std::filesystem::exists(file));
+    scheduler.advance(0.02);
+    EXPECT_EQ(readFile(file), "abc");  // the missing folders were made
+    EXPECT_FALSE(notepad->hasPendingSave());
+    const auto written = inode();
+    scheduler.advance(5);
+    EXPECT_EQ(inode(), written);
+}
+
+TEST_F(NotepadTest, SettingTheSameTextSchedulesNothing) {
+    writeFile(file, "same");
+    auto notepad = make();
+    EXPECT_EQ(notepad->text().get(), "same");
+    notepad->setText("same");
+    EXPECT_FALSE(notepad->hasPendingSave());
+}
+
+TEST_F(NotepadTest, FlushWritesAPendingSaveAtOnceAndNothingOtherwise) {
+    auto notepad = make();
+    notepad->flush();
+    EXPECT_FALSE(std::filesystem::exists(file));
+    notepad->setText("quit inside the window");
+    notepad->flush();
+    EXPECT_EQ(readFile(file), "quit inside the window");
+    const auto written = inode();
+    notepad->flush();
+    scheduler.advance(1);
+    EXPECT_EQ(inode(), written);
+}
+
+TEST_F(NotepadTest, AMissingFileIsAnEmptyNote) {
+    auto notepad = make();
+    EXPECT_TRUE(notepad->isEmpty());
+    EXPECT_EQ(notepad->summary(), "");
+    EXPECT_EQ(notepad->wordCount(), 0u);
+}
+
+TEST_F(NotepadTest, AnUnwritableFolderReachesTheFailureAndKeepsTheText) {
+    writeFile(root / "deep", "a file where a folder should be");
+    auto notepad = make();
+    notepad->setText("precious");
+    scheduler.advance(0.5);
+    EXPECT_EQ(failures, (std::vector<std::string>{file.string()}));
+    EXPECT_EQ(notepad->text().get(), "precious");
+    EXPECT_NE(logText().find("[notepad] could not save: "), std::string::npos);
+    // The next keystroke tries again, and succeeds once the folder can be made.
+    std::filesystem::remove(root / "deep");
+    notepad->setText("precious!");
+    scheduler.advance(0.5);
+    EXPECT_EQ(readFile(file), "precious!");
+    EXPECT_EQ(failures.size(), 1u);
+}
+
+TEST_F(NotepadTest, TextThatIsNotUTF8IsNotWrittenOverTheOldFile) {
+    writeFile(file, "old note");
+    auto notepad = make();
+    notepad->setText("bad \xFF byte");
+    notepad->flush();
+    EXPECT_EQ(readFile(file), "old note");
+    EXPECT_EQ(failures.size(), 1u);
+    EXPECT_NE(logText().find("[notepad] could not encode the note — keeping the old file"), std::string::npos);
+}
+
+TEST_F(NotepadTest, AFileInAnotherEncodingIsKeptAsideBeforeTheFirstSave) {
+    writeFile(file, "Gr\xFC\xDF" "e");  // Latin-1
+    auto notepad = make();
+    EXPECT_EQ(notepad->text().get(), "Gr\xEF\xBF\xBD\xEF\xBF\xBD" "e");
+    notepad->append("more");
+    notepad->flush();
+    EXPECT_EQ(readFile(file), "Gr\xEF\xBF\xBD\xEF\xBF\xBD" "e\n\nmore");
+    bool kept = false;
+    for (const auto& entry : std::filesystem::directory_iterator(file.parent_path())) {
+        if (entry.path() != file) kept = readFile(entry.path()) == "Gr\xFC\xDF" "e";
+    }
+    EXPECT_TRUE(kept);
+}
+
+TEST(NotepadText, AppendingAddsABlankLineAndIgnoresBlankAdditions) {
+    struct Case {
+        std::string addition;
+        std::string note;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {
+        {"new", "", "new"},
+        {"new", " \n\t", "new"},
+        {"new", "old", "old\n\nnew"},
+        {"   ", "old", "old"},
+        {"\n\u2003", "old", "old"},  // an em space is white space too
+        {"", "", ""},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Notepad::appending(c.addition, c.note), c.expected) << c.addition;
+}
+
+TEST(NotepadText, SummaryAndWordCount) {
+    ManualScheduler scheduler;
+    TempDir root;
+    auto log = DiagnosticLog::make(root / "logs", scheduler);
+    Notepad notepad(root / "n.txt", 0.5, scheduler, *log);
+    const std::string forty(40, 'x');
+    struct Case {
+        std::string text;
+        std::string summary;
+        std::size_t words;
+    };
+    const std::vector<Case> cases = {
+        {"\n\n  First line  \nsecond", "First line", 3},
+        {forty, forty, 1},
+        {forty + "y", forty + "…", 1},
+        {"  " + forty + "y  ", forty + "…", 1},
+        {std::string(40, 'a') + "\u00e9", std::string(40, 'a') + "…", 1},
+        {"one\ttwo\u2003three\n\nfour", "one\ttwo\u2003three", 4},
+        {"", "", 0},
+    };
+    for (const auto& c : cases) {
+        notepad.setText(c.text);
+        EXPECT_EQ(notepad.summary(), c.summary) << c.text;
+        EXPECT_EQ(notepad.wordCount(), c.words) << c.text;
+    }
+}
