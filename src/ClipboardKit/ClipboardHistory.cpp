@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include <string.h>
+
 namespace tavrick {
 
 namespace {
@@ -78,7 +80,9 @@ std::vector<ClipboardItem> ClipboardHistory::search(std::string_view query) cons
     const std::string needle = UnicodeText::folded(trimmedQuery);
     std::vector<ClipboardItem> out;
     for (const auto& item : items_) {
-        if (item.text.folded().find(needle) != std::string::npos) out.push_back(item);
+        // The C library's substring search is the fastest at hundreds of long copies.
+        const auto& haystack = item.text.folded();
+        if (::memmem(haystack.data(), haystack.size(), needle.data(), needle.size())) out.push_back(item);
     }
     return out;
 }

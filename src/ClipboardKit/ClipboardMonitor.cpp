@@ -181,9 +181,12 @@ void ClipboardMonitor::capture() {
         text = UnicodeText::repairedUTF8(text);
     }
     const auto& policy = policy_.get();
-    // Counting stops past the limit, so an enormous copy costs no more than an allowed one.
+    // The rules only compare the length with nothing and with the limit. A text with no more bytes
+    // than the limit has no more characters either, so only a longer one is counted, and counting
+    // stops past the limit: an enormous copy costs no more than an allowed one.
     const auto limit = static_cast<std::size_t>(std::max<std::int64_t>(0, policy.maximumTextLength));
-    const auto length = static_cast<std::int64_t>(UnicodeText::characterCount(text, limit));
+    const auto length = static_cast<std::int64_t>(text.size() <= limit ? text.size()
+                                                                        : UnicodeText::characterCount(text, limit));
     const auto decision =
         policy.decide(types, front ? std::optional<std::string>(front->bundleID) : std::nullopt, length);
 
