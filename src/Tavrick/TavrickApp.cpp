@@ -132,8 +132,8 @@ int TavrickApp::main(int argc, char** argv) {
     auto bridge = SessionBridge::listen(session, sessionSocketPath(), pasteboard.get());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n"
-                  << "  copies   : \"copy\" and a line, then the text, to " << sessionSocketPath().string()
-                  << " puts it on this session's pasteboard\n"
+                  << "  copies   : a line \"copy\" and then the text, sent to " << sessionSocketPath().string()
+                  << ", is a copy on this session's pasteboard\n"
                   << std::flush;
     }
 

@@ -13,8 +13,9 @@ using namespace tavrick::testing;
 TEST(SimulatedPasteboard, EveryChangeMovesTheCounterAndTheStateFileShowsIt) {
     TempDir root;
     SimulatedPasteboard pasteboard;
-    pasteboard.setStateFile(root / "session-state.json");
-    auto state = [&] { return nlohmann::json::parse(readFile(root / "session-state.json")); };
+    // The support folder may not exist yet on a first run.
+    pasteboard.setStateFile(root / "support/session-state.json");
+    auto state = [&] { return nlohmann::json::parse(readFile(root / "support/session-state.json")); };
     EXPECT_EQ(state(), nlohmann::json::parse(R"({"pasteboard":{"changeCount":0,"types":[]}})"));
 
     pasteboard.copy({{Pasteboard::plainTextType, "private words"}, {"org.nspasteboard.ConcealedType", ""}});
@@ -23,7 +24,7 @@ TEST(SimulatedPasteboard, EveryChangeMovesTheCounterAndTheStateFileShowsIt) {
     EXPECT_EQ(pasteboard.string(), "private words");
     EXPECT_EQ(pasteboard.string("public.png"), std::nullopt);
     EXPECT_EQ(state()["pasteboard"]["changeCount"], 1);
-    EXPECT_EQ(readFile(root / "session-state.json").find("private"), std::string::npos);
+    EXPECT_EQ(readFile(root / "support/session-state.json").find("private"), std::string::npos);
 
     // A clear and a write are one change, as when a program copies.
     EXPECT_EQ(pasteboard.clearContents(), 2);

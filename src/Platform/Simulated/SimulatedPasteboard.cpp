@@ -83,6 +83,8 @@ void SimulatedPasteboard::changed(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     if (!stateFile.empty()) {
         const nlohmann::json state = {{"pasteboard", {{"changeCount", count}, {"types", types}}}};
+        std::error_code error;
+        std::filesystem::create_directories(stateFile.parent_path(), error);
         if (auto failure = FileIO::writeAtomically(stateFile, state.dump(2) + "\n", 0600)) {
             Log::core.error("Could not write the session state: could not %s: %s", failure->step.c_str(),
                             std::strerror(failure->error));
