@@ -191,14 +191,32 @@ void AppCoordinator::installEverydayClosures() {
     // The clipboard's own switches are the settings' source of truth once changed in the pane.
     auto mirror = [weak](const auto&) {
         auto self = weak.lock();
-        if (!self) return;
-        const auto& policy = self->clipboard_->policy().get();
+        if (!self || self->mirroringClipboard_) return;
+        self->mirroringClipboard_ = true;
+        const auto policy = self->clipboard_->policy().get();
         self->settings_->isClipboardEnabled.set(self->clipboard_->isEnabled().get());
         self->settings_->clipboardMaximumItems.set(policy.maximumItems);
         self->settings_->clipboardClearOnQuit.set(policy.clearOnQuit);
+        self->mirroringClipboard_ = false;
     };
     everydayObservations_.push_back(clipboard_->isEnabled().observe(mirror));
     everydayObservations_.push_back(clipboard_->policy().observe(mirror));
+    // And the other way, for settings taken on from elsewhere (a restored backup). While one side
+    // writes the other, the echo is not sent back half-done.
+    auto follow = [weak](const auto&) {
+        auto self = weak.lock();
+        if (!self || self->mirroringClipboard_) return;
+        self->mirroringClipboard_ = true;
+        auto policy = self->clipboard_->policy().get();
+        policy.maximumItems = self->settings_->clipboardMaximumItems.get();
+        policy.clearOnQuit = self->settings_->clipboardClearOnQuit.get();
+        self->clipboard_->setPolicy(policy);
+        self->clipboard_->setEnabled(self->settings_->isClipboardEnabled.get());
+        self->mirroringClipboard_ = false;
+    };
+    everydayObservations_.push_back(settings_->isClipboardEnabled.observe(follow));
+    everydayObservations_.push_back(settings_->clipboardMaximumItems.observe(follow));
+    everydayObservations_.push_back(settings_->clipboardClearOnQuit.observe(follow));
     clipboard_->onChange = [weak] {
         if (auto self = weak.lock()) {
             self->env_.log.note("clipboard", "recorded a copy; " +
@@ -225,6 +243,11 @@ void AppCoordinator::installEverydayClosures() {
 
 void AppCoordinator::startEverydayServices() {
     env_.log.note("launch", "keep-awake holds " + env_.powerAssertions->describe());
+    // What closing the lid now would do, as the menu would say it.
+    const auto conditions = LidConditions::read(env_.lidSensors);
+    const auto source = powerSource(conditions.isOnPowerAdapter);
+    const LidVerdict verdict(source, lidJournal_->observation(source), conditions, env_.scheduler.clock().now());
+    env_.log.note("lid", std::string(displayName(source)) + ": " + verdict.summary + " — " + verdict.detail);
     lid_->start();
 
     std::weak_ptr<AppCoordinator> weak = weak_from_this();

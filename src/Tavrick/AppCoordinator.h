@@ -131,6 +131,8 @@ private:
     std::unique_ptr<ActionRunner> actions_;
     std::unique_ptr<ClipboardMonitor> clipboard_;
     bool pomodoroHoldsAwake_ = false;
+    // Set while the clipboard and its settings are being brought in line with each other.
+    bool mirroringClipboard_ = false;
     std::vector<Observation> everydayObservations_;
 
     Observable<bool> isEnabled_{true};

@@ -236,6 +236,13 @@ TEST_F(EverydayTest, TheClipboardFollowsItsSettingsAndWritesChangesBack) {
     EXPECT_EQ(defaults.object("clipboardEnabled"), PreferenceValue(true));
     EXPECT_EQ(defaults.object("clipboardMaximumItems"), PreferenceValue(250));
     EXPECT_EQ(defaults.object("clipboardClearOnQuit"), PreferenceValue(true));
+
+    // Settings taken on from elsewhere reach the clipboard.
+    app.settings().clipboardMaximumItems.set(10);
+    app.settings().isClipboardEnabled.set(false);
+    EXPECT_EQ(app.clipboard().policy().get().maximumItems, 10);
+    EXPECT_TRUE(app.clipboard().policy().get().clearOnQuit);
+    EXPECT_FALSE(app.clipboard().isEnabled().get());
 }
 
 TEST_F(EverydayTest, ShowClipboardOpensSettingsOnceTheMenuIsReady) {
@@ -247,6 +254,14 @@ TEST_F(EverydayTest, ShowClipboardOpensSettingsOnceTheMenuIsReady) {
     app.presentSettings = [&] { ++opened; };
     app.actions().run(ActionSpec::showClipboardHistory());
     EXPECT_EQ(opened, 1);
+}
+
+TEST_F(EverydayTest, TheLaunchLogSaysWhatClosingTheLidWouldDo) {
+    lid.onPowerAdapter = false;
+    lid.externalDisplays = 1;
+    make().start();
+    EXPECT_TRUE(noted("[lid] On battery: Not set up for it — Closing the lid sleeps this Mac. Running with it shut "
+                      "needs an external keyboard or mouse."));
 }
 
 TEST_F(EverydayTest, TheLidWatcherStartsWithTheCoordinator) {
