@@ -9,6 +9,7 @@ namespace tavrick {
 
 namespace {
 constexpr std::array phases = {PomodoroPhase::focus, PomodoroPhase::shortBreak, PomodoroPhase::longBreak};
+constexpr std::array commands = {PomodoroCommand::startOrPause, PomodoroCommand::skipPhase, PomodoroCommand::reset};
 constexpr std::array lengths = {PomodoroLength::five, PomodoroLength::ten, PomodoroLength::fifteen,
                                 PomodoroLength::twentyFive};
 } // namespace
@@ -93,6 +94,35 @@ std::span<const PomodoroLength> allPomodoroLengths() {
 
 std::string displayName(PomodoroLength length) {
     return std::to_string(static_cast<int>(length)) + " minutes";
+}
+
+std::span<const PomodoroCommand> allPomodoroCommands() {
+    return commands;
+}
+
+std::string_view rawValue(PomodoroCommand command) {
+    switch (command) {
+    case PomodoroCommand::startOrPause: return "startOrPause";
+    case PomodoroCommand::skipPhase: return "skipPhase";
+    case PomodoroCommand::reset: return "reset";
+    }
+    return "startOrPause";
+}
+
+std::optional<PomodoroCommand> pomodoroCommandFromRaw(std::string_view raw) {
+    for (auto command : commands) {
+        if (rawValue(command) == raw) return command;
+    }
+    return std::nullopt;
+}
+
+std::string_view displayName(PomodoroCommand command) {
+    switch (command) {
+    case PomodoroCommand::startOrPause: return "Start / pause Pomodoro";
+    case PomodoroCommand::skipPhase: return "Skip Pomodoro phase";
+    case PomodoroCommand::reset: return "Reset Pomodoro";
+    }
+    return "Start / pause Pomodoro";
 }
 
 } // namespace tavrick

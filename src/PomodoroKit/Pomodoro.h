@@ -53,4 +53,12 @@ std::span<const PomodoroLength> allPomodoroLengths();
 // "5 minutes"
 std::string displayName(PomodoroLength length);
 
+// The commands the menu offers; raw value is the case name.
+enum class PomodoroCommand { startOrPause, skipPhase, reset };
+std::span<const PomodoroCommand> allPomodoroCommands();
+std::string_view rawValue(PomodoroCommand command);
+std::optional<PomodoroCommand> pomodoroCommandFromRaw(std::string_view raw);
+// "Start / pause Pomodoro", "Skip Pomodoro phase", "Reset Pomodoro"
+std::string_view displayName(PomodoroCommand command);
+
 } // namespace tavrick
