@@ -1,10 +1,19 @@
+#include "CoreKit/DispatchScheduler.h"
 #include "CoreKit/ManualScheduler.h"
 #include "NotepadKit/Notepad.h"
+#include "Support/Eventually.h"
+#include "Support/Process.h"
 #include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
 
 using namespace tavrick;
 using namespace tavrick::testing;
@@ -167,5 +176,42 @@ TEST(NotepadText, SummaryAndWordCount) {
         notepad.setText(c.text);
         EXPECT_EQ(notepad.summary(), c.summary) << c.text;
         EXPECT_EQ(notepad.wordCount(), c.words) << c.text;
+    }
+}
+
+// The real thing, once: a process that edits its note on real time and is killed outright. The
+// test program runs itself as that process, through the helper below.
+namespace {
+constexpr const char* helperVariable = "TAVRICK_NOTEPAD_HELPER_FILE";
+} // namespace
+
+TEST(NotepadHelper, EditsAndWaitsToBeKilled) {
+    const char* path = std::getenv(helperVariable);
+    if (!path) GTEST_SKIP() << "runs only as the child of the kill test";
+    DispatchScheduler scheduler;
+    auto log = DiagnosticLog::make(std::filesystem::path(path).parent_path() / "logs", scheduler);
+    Notepad notepad(std::filesystem::path(path), 0.5, scheduler, *log);
+    notepad.setText("typed before the kill");
+    std::printf("edited\n");
+    std::fflush(stdout);
+    scheduler.runMainFor(30);
+}
+
+TEST(NotepadHelper, ANoteSurvivesAKillThatComesAfterTheDebounce) {
+    if (std::getenv(helperVariable)) GTEST_SKIP();
+    TempDir root;
+    const auto file = root / "Notepad.txt";
+    ChildProcess child({"/proc/self/exe", "--gtest_filter=NotepadHelper.EditsAndWaitsToBeKilled"},
+                       {{helperVariable, file.string()}, {"PATH", "/usr/bin:/bin"}});
+    ASSERT_TRUE(child.waitForOutput("edited\n", 30)) << child.output();
+    // The moment the save lands, the process dies without a chance to do anything more.
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(file); }, 30));
+    child.signal(SIGKILL);
+    child.wait(10);
+    EXPECT_EQ(readFile(file), "typed before the kill");
+    for (const auto& entry : std::filesystem::directory_iterator(root.path())) {
+        // No half-written temporary file is left beside it.
+        const auto name = entry.path().filename().string();
+        EXPECT_TRUE(name == "Notepad.txt" || name == "logs") << name;
     }
 }
