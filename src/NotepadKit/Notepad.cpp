@@ -29,6 +29,7 @@ Notepad::Notepad(std::optional<fs::path> fileURL, double debounce, Scheduler& sc
         }
         return;
     }
+    onDisk_ = *contents;
     if (!UnicodeText::isValidUTF8(*contents)) {
         log_.note("notepad", "the note is not UTF-8 — shown with replacement characters; the original is kept aside "
                              "at the first save");
@@ -63,6 +64,12 @@ void Notepad::flush() {
 }
 
 void Notepad::save() {
+    int readError = 0;
+    const auto current = FileIO::readAll(fileURL_, readError);
+    if (current ? current != onDisk_ : readError != ENOENT) {
+        if (!keepFileAside_) log_.note("notepad", "the note file was changed elsewhere — keeping that version aside");
+        keepFileAside_ = true;
+    }
     if (keepFileAside_) {
         int error = 0;
         if (auto aside = FileIO::moveAside(fileURL_, static_cast<long long>(scheduler_.clock().now()), error)) {
@@ -74,7 +81,11 @@ void Notepad::save() {
         }
         keepFileAside_ = false;
     }
-    if (!write(text_.get(), fileURL_, log_) && onSaveFailure) onSaveFailure(fileURL_.string());
+    if (write(text_.get(), fileURL_, log_)) {
+        onDisk_ = text_.get();
+    } else if (onSaveFailure) {
+        onSaveFailure(fileURL_.string());
+    }
 }
 
 bool Notepad::write(const std::string& text, const fs::path& url, DiagnosticLog& log) {

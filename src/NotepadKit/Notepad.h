@@ -63,6 +63,9 @@ private:
     // The file on disk could not be taken as it is (unreadable, or not UTF-8); it is moved aside,
     // never overwritten, before the first save.
     bool keepFileAside_ = false;
+    // What this note last read from or wrote to the file. A file that holds anything else was
+    // changed by another editor meanwhile, and is kept aside rather than written over.
+    std::optional<std::string> onDisk_;
 };
 
 } // namespace tavrick

@@ -135,6 +135,35 @@ TEST_F(NotepadTest, AFileInAnotherEncodingIsKeptAsideBeforeTheFirstSave) {
     EXPECT_TRUE(kept);
 }
 
+TEST_F(NotepadTest, AnEditMadeElsewhereWhileRunningIsKeptAsideNotWrittenOver) {
+    writeFile(file, "first");
+    auto notepad = make();
+    notepad->setText("first, then mine");
+    notepad->flush();
+    writeFile(file, "changed in another editor");
+    notepad->append("more of mine");
+    notepad->flush();
+    EXPECT_EQ(readFile(file), "first, then mine\n\nmore of mine");
+    std::vector<std::string> aside;
+    for (const auto& entry : std::filesystem::directory_iterator(file.parent_path())) {
+        if (entry.path() != file) aside.push_back(readFile(entry.path()));
+    }
+    EXPECT_EQ(aside, (std::vector<std::string>{"changed in another editor"}));
+    EXPECT_NE(logText().find("[notepad] the note file was changed elsewhere — keeping that version aside"),
+              std::string::npos);
+    // Our own saves are not mistaken for someone else's.
+    notepad->setText("again");
+    notepad->flush();
+    std::size_t files = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(file.parent_path())) ++files;
+    EXPECT_EQ(files, 2u);
+    // A file deleted elsewhere is simply written again.
+    std::filesystem::remove(file);
+    notepad->setText("after the delete");
+    notepad->flush();
+    EXPECT_EQ(readFile(file), "after the delete");
+}
+
 TEST(NotepadText, AppendingAddsABlankLineAndIgnoresBlankAdditions) {
     struct Case {
         std::string addition;
