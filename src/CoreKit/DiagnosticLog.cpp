@@ -3,6 +3,7 @@
 #include "CoreKit/Directories.h"
 #include "CoreKit/DispatchScheduler.h"
 #include "CoreKit/FileIO.h"
+#include "CoreKit/UnicodeText.h"
 
 #include <cerrno>
 #include <cmath>
@@ -12,7 +13,6 @@
 #include <limits>
 #include <sys/types.h>
 #include <unistd.h>
-#include <unicode/ustring.h>
 
 namespace tavrick {
 
@@ -62,32 +62,6 @@ std::string composeLine(double now, std::string_view category, std::string_view 
     line.append(message);
     line.push_back('\n');
     return line;
-}
-
-bool isValidUTF8(std::string_view text) {
-    UErrorCode status = U_ZERO_ERROR;
-    std::int32_t length = 0;
-    u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<std::int32_t>(text.size()), &status);
-    return status != U_INVALID_CHAR_FOUND && status != U_ILLEGAL_ARGUMENT_ERROR;
-}
-
-// The file stays valid UTF-8 without losing the event: each ill-formed sequence becomes U+FFFD.
-std::string repairedUTF8(std::string_view text) {
-    const auto size = static_cast<std::int32_t>(text.size());
-    UErrorCode status = U_ZERO_ERROR;
-    std::int32_t units = 0;
-    u_strFromUTF8WithSub(nullptr, 0, &units, text.data(), size, 0xFFFD, nullptr, &status);
-    std::u16string wide(static_cast<std::size_t>(units), u'\0');
-    status = U_ZERO_ERROR;
-    u_strFromUTF8WithSub(wide.data(), units, &units, text.data(), size, 0xFFFD, nullptr, &status);
-    if (U_FAILURE(status)) return std::string();
-    std::int32_t bytes = 0;
-    status = U_ZERO_ERROR;
-    u_strToUTF8(nullptr, 0, &bytes, wide.data(), units, &status);
-    std::string out(static_cast<std::size_t>(bytes), '\0');
-    status = U_ZERO_ERROR;
-    u_strToUTF8(out.data(), bytes, &bytes, wide.data(), units, &status);
-    return U_FAILURE(status) ? std::string() : out;
 }
 
 // A missing or unreadable file contributes nothing.
@@ -159,7 +133,7 @@ void DiagnosticLog::note(std::string_view category, std::string_view message) {
 }
 
 void DiagnosticLog::append(const std::string& line) {
-    const std::string repaired = isValidUTF8(line) ? std::string() : repairedUTF8(line);
+    const std::string repaired = UnicodeText::isValidUTF8(line) ? std::string() : UnicodeText::repairedUTF8(line);
     const std::string& bytes = repaired.empty() ? line : repaired;
 
     std::lock_guard lock(lock_);

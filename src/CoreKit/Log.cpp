@@ -76,6 +76,10 @@ const Logger gesture{"gesture"};
 const Logger action{"action"};
 const Logger permissions{"permissions"};
 const Logger windows{"windows"};
+const Logger pomodoro{"pomodoro"};
+const Logger clipboard{"clipboard"};
+const Logger notepad{"notepad"};
+const Logger lid{"lid"};
 
 void setMinimumLevel(LogLevel level) {
     minimum.store(static_cast<int>(level), std::memory_order_relaxed);

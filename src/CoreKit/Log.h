@@ -37,6 +37,10 @@ extern const Logger gesture;
 extern const Logger action;
 extern const Logger permissions;
 extern const Logger windows;
+extern const Logger pomodoro;
+extern const Logger clipboard;
+extern const Logger notepad;
+extern const Logger lid;
 
 // Debug is off unless asked for.
 void setMinimumLevel(LogLevel level);

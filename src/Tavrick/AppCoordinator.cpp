@@ -1,8 +1,12 @@
 #include "Tavrick/AppCoordinator.h"
 
+#include "CoreKit/AppInfo.h"
 #include "CoreKit/Log.h"
 #include "CoreKit/Toast.h"
 #include "MonitorKit/ByteFormat.h"
+#include "Platform/Linux/LinuxProcessWatcher.h"
+#include "Platform/Simulated/InMemoryPowerAssertions.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
 
 #include <cassert>
 
@@ -20,6 +24,26 @@ std::string launchLine(const std::string& version, const std::string& build, con
            ", inputMonitoring=" + spelled(inputMonitoring) + ", mappings=" + std::to_string(mappings);
 }
 
+// Fills in the stand-ins for what the host did not give.
+AppEnvironment withStandIns(AppEnvironment environment) {
+    if (environment.supportDirectory.empty()) environment.supportDirectory = environment.mappingsFile.parent_path();
+    if (!environment.pasteboard) environment.pasteboard = std::make_shared<SimulatedPasteboard>();
+    if (!environment.powerAssertions) environment.powerAssertions = std::make_shared<InMemoryPowerAssertions>();
+    if (!environment.processes) environment.processes = std::make_shared<LinuxProcessWatcher>();
+    return environment;
+}
+
+// The notepad shows as a window or a panel in the desktop build; the headless shell has neither.
+constexpr double notepadDebounce = 0.5;
+
+ClipboardPolicy clipboardPolicy(const AppSettings& settings) {
+    ClipboardPolicy policy;
+    policy.maximumTextLength = 128000;
+    policy.maximumItems = settings.clipboardMaximumItems.get();
+    policy.clearOnQuit = settings.clipboardClearOnQuit.get();
+    return policy;
+}
+
 } // namespace
 
 std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment) {
@@ -29,11 +53,19 @@ std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment)
 }
 
 AppCoordinator::AppCoordinator(AppEnvironment environment)
-    : env_(std::move(environment)),
+    : env_(withStandIns(std::move(environment))),
       store_(std::make_unique<MappingStore>(env_.mappingsFile, env_.log, env_.scheduler.clock())),
+      notepad_(std::make_unique<Notepad>(env_.supportDirectory / Notepad::fileName, notepadDebounce, env_.scheduler,
+                                         env_.log)),
+      awake_(std::make_unique<AwakeController>(*env_.powerAssertions, *env_.processes, env_.scheduler,
+                                               AppInfo::displayName())),
+      lidJournal_(std::make_unique<LidJournal>(env_.defaults)),
+      lid_(std::make_unique<LidWatcher>(*lidJournal_, env_.lidSensors, env_.scheduler, env_.workspace)),
       mouseGestures_(std::make_unique<MouseGestureEngine>(env_.events, env_.scheduler)),
       permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
+      filter_(std::make_unique<FilterController>(env_.network.filterSystem, &env_.log)),
+      pomodoro_(std::make_unique<PomodoroController>(PomodoroConfig{}, env_.scheduler)),
       loginItem_(std::make_unique<LoginItemController>(env_.loginItems, env_.scheduler)),
       windows_(std::make_unique<WindowManager>(env_.windowAccessibility, env_.scheduler)),
       hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
@@ -52,17 +84,21 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
               .isAccessibilityTrusted = env_.permissionSource.isAccessibilityTrusted,
           },
           *windows_)),
-      filter_(std::make_unique<FilterController>(env_.network.filterSystem, &env_.log)),
+      clipboard_(std::make_unique<ClipboardMonitor>(clipboardPolicy(*settings_), settings_->isClipboardEnabled.get(),
+                                                    env_.supportDirectory, *env_.pasteboard, env_.scheduler, env_.log)),
       flows_(FlowMonitor::make(
           FlowMonitor::Services{env_.scheduler, &env_.log, env_.network.lookup, env_.network.makeExtensionSource},
-          env_.network.supportDirectory.empty() ? env_.mappingsFile.parent_path() : env_.network.supportDirectory,
+          env_.network.supportDirectory.empty() ? env_.supportDirectory : env_.network.supportDirectory,
           {settings_->networkMutedApps.get().begin(), settings_->networkMutedApps.get().end()},
           alertsOnNewApps(settings_->networkAlertMode), alertsOnNewHosts(settings_->networkAlertMode),
           static_cast<int>(settings_->networkSampleSeconds.get()), settings_->networkLearningStartedAt,
-          env_.network.makeSource)) {}
+          env_.network.makeSource)) {
+    clipboard_->frontmostApplication = env_.frontmostApplication;
+}
 
 AppCoordinator::~AppCoordinator() {
     launchAnnouncement_.cancel();
+    everydayObservations_.clear();
     flows_->onAlert = nullptr;
     hotkeys_->setOnTrigger(nullptr);
     hotkeys_->stop();
@@ -108,6 +144,8 @@ void AppCoordinator::installClosures() {
     networkObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willTerminate, [weak](const auto&) {
         if (auto self = weak.lock()) self->flows_->flush();
     }));
+
+    installEverydayClosures();
 
     // The engine calls this on the global queue; the action itself runs on the main thread, and
     // a mapping that fires after the coordinator is gone is dropped.
@@ -183,6 +221,9 @@ void AppCoordinator::start() {
     // 12.
     startEngines();
 
+    // 14 and 16: the lid watcher, and the flushes on sleep, power-off and quit.
+    startEverydayServices();
+
     // 15.
     if (settings_->isNetworkMonitorEnabled.get()) networkMonitorChanged(true);
 }
@@ -243,6 +284,148 @@ void AppCoordinator::gesturesDidWake() {
         Log::gesture.error("Reopening after wake failed: %s", error.what());
         env_.log.note("gesture", std::string("woke from sleep — could not reopen the trackpad stream: ") + error.what());
     }
+}
+
+void AppCoordinator::installEverydayClosures() {
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+
+    actions_->onToggleAwake = [weak] {
+        if (auto self = weak.lock()) self->awake_->toggle();
+    };
+    actions_->onPomodoro = [weak](PomodoroAction action) {
+        auto self = weak.lock();
+        if (!self) return;
+        switch (action) {
+        case PomodoroAction::startOrPause: self->pomodoro_->toggle(); break;
+        case PomodoroAction::skipPhase: self->pomodoro_->skip(); break;
+        case PomodoroAction::reset: self->pomodoro_->reset(); break;
+        }
+    };
+    pomodoro_->onPhaseEnded = [weak](PomodoroPhase finished, PomodoroPhase next) {
+        if (auto self = weak.lock()) self->pomodoroPhaseEnded(finished, next);
+    };
+    pomodoro_->onRunStateChanged = [weak](PomodoroPhase phase, bool isRunning) {
+        if (auto self = weak.lock()) self->pomodoroRunStateChanged(phase, isRunning);
+    };
+    actions_->onShowClipboard = [weak] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (self->presentSettings) {
+            self->presentSettings();
+        } else {
+            self->env_.log.note("window", "asked to open Settings before the menu bar was ready");
+        }
+    };
+    actions_->onShowNotepad = [weak] {
+        if (auto self = weak.lock()) self->showNotepad();
+    };
+    notepad_->onSaveFailure = [](const std::string& path) {
+        Toast::shared().show("The note could not be saved", Toast::Kind::warning, "Tried to write to " + path);
+    };
+
+    // The clipboard's own switches are the settings' source of truth once changed in the pane.
+    auto mirror = [weak](const auto&) {
+        auto self = weak.lock();
+        if (!self || self->mirroringClipboard_) return;
+        self->mirroringClipboard_ = true;
+        const auto policy = self->clipboard_->policy().get();
+        self->settings_->isClipboardEnabled.set(self->clipboard_->isEnabled().get());
+        self->settings_->clipboardMaximumItems.set(policy.maximumItems);
+        self->settings_->clipboardClearOnQuit.set(policy.clearOnQuit);
+        self->mirroringClipboard_ = false;
+    };
+    everydayObservations_.push_back(clipboard_->isEnabled().observe(mirror));
+    everydayObservations_.push_back(clipboard_->policy().observe(mirror));
+    // And the other way, for settings taken on from elsewhere (a restored backup). While one side
+    // writes the other, the echo is not sent back half-done.
+    auto follow = [weak](const auto&) {
+        auto self = weak.lock();
+        if (!self || self->mirroringClipboard_) return;
+        self->mirroringClipboard_ = true;
+        auto policy = self->clipboard_->policy().get();
+        policy.maximumItems = self->settings_->clipboardMaximumItems.get();
+        policy.clearOnQuit = self->settings_->clipboardClearOnQuit.get();
+        self->clipboard_->setPolicy(policy);
+        self->clipboard_->setEnabled(self->settings_->isClipboardEnabled.get());
+        self->mirroringClipboard_ = false;
+    };
+    everydayObservations_.push_back(settings_->isClipboardEnabled.observe(follow));
+    everydayObservations_.push_back(settings_->clipboardMaximumItems.observe(follow));
+    everydayObservations_.push_back(settings_->clipboardClearOnQuit.observe(follow));
+    clipboard_->onChange = [weak] {
+        if (auto self = weak.lock()) {
+            self->env_.log.note("clipboard", "recorded a copy; " +
+                                                 std::to_string(self->clipboard_->history().get().items().size()) +
+                                                 " in the history");
+        }
+    };
+
+    // The user's log says when keep-awake begins and ends, whoever asked.
+    everydayObservations_.push_back(awake_->isActive().observe([weak](bool active) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (active) {
+            const auto& session = self->awake_->session().get();
+            self->env_.log.note("awake", "keep-awake on — " + (session ? session->description() : std::string()) + ", " +
+                                             std::string(displayName(self->awake_->mode().get())));
+        } else {
+            // A session that ended by any road is no longer the timer's to stop.
+            self->pomodoroHoldsAwake_ = false;
+            self->env_.log.note("awake", "keep-awake off");
+        }
+    }));
+}
+
+void AppCoordinator::startEverydayServices() {
+    env_.log.note("launch", "keep-awake holds " + env_.powerAssertions->describe());
+    // What closing the lid now would do, as the menu would say it.
+    const auto conditions = LidConditions::read(env_.lidSensors);
+    const auto source = powerSource(conditions.isOnPowerAdapter);
+    const LidVerdict verdict(source, lidJournal_->observation(source), conditions, env_.scheduler.clock().now());
+    env_.log.note("lid", std::string(displayName(source)) + ": " + verdict.summary + " — " + verdict.detail);
+    lid_->start();
+
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+    auto flushNote = [weak](const WorkspaceNotification&) {
+        if (auto self = weak.lock()) self->notepad_->flush();
+    };
+    everydayObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willSleep, flushNote));
+    everydayObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willPowerOff, flushNote));
+    everydayObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willTerminate, [weak](const auto&) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->notepad_->flush();
+        self->clipboard_->forgetOnQuit();
+    }));
+}
+
+void AppCoordinator::pomodoroPhaseEnded(PomodoroPhase finished, PomodoroPhase next) {
+    const std::string finishedName(displayName(finished));
+    Log::pomodoro.notice("Pomodoro: %s ended → %s", finishedName.c_str(), std::string(displayName(next)).c_str());
+    env_.log.note("pomodoro", finishedName + " ended → " + std::string(displayName(next)));
+    notify(next == PomodoroPhase::focus ? "Back to work" : "Time for a break", finishedName + " finished.");
+}
+
+void AppCoordinator::pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning) {
+    if (!pomodoro_->config().get().keepAwakeDuringFocus) return;
+    if (isRunning && phase == PomodoroPhase::focus) {
+        if (awake_->isActive().get()) return;
+        awake_->start(awake_->mode().get(), AwakeSession::indefinite());
+        // Only a session that really began is the timer's; a refused one leaves nothing to stop.
+        pomodoroHoldsAwake_ = awake_->isActive().get();
+    } else if (pomodoroHoldsAwake_) {
+        pomodoroHoldsAwake_ = false;
+        awake_->stop();
+    }
+}
+
+void AppCoordinator::showNotepad() {
+    // No window in the headless shell: the toast says where the note is, to open in any editor.
+    const auto words = notepad_->wordCount();
+    Toast::shared().show("Notepad", Toast::Kind::done,
+                         (notepad_->isEmpty() ? std::string("Saved as you type")
+                                              : std::to_string(words) + " words · saved as you type") +
+                             " — " + notepad_->fileURL().string());
 }
 
 void AppCoordinator::announceLaunch() {

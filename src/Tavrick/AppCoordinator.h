@@ -3,6 +3,9 @@
 #include "ActionKit/ActionRunner.h"
 #include "ActionKit/WindowAccessibility.h"
 #include "ActionKit/WindowManager.h"
+#include "AwakeKit/AwakeController.h"
+#include "AwakeKit/LidWatcher.h"
+#include "ClipboardKit/ClipboardMonitor.h"
 #include "CoreKit/AppSettings.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/Dispatch.h"
@@ -24,6 +27,8 @@
 #include "NetKit/FilterController.h"
 #include "NetKit/FlowMonitor.h"
 #include "NetKit/NetworkPorts.h"
+#include "NotepadKit/Notepad.h"
+#include "PomodoroKit/PomodoroController.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -31,6 +36,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tavrick {
 
@@ -69,6 +75,16 @@ struct AppEnvironment {
     // The application in front at start, before the first activation is announced.
     std::optional<std::string> frontmostBundleID = std::nullopt;
     NetworkPorts network{};
+    // Where the clipboard history and the note live; empty means the mappings file's folder.
+    std::filesystem::path supportDirectory;
+    // The everyday services' platform; each one left empty gets the stand-in (a simulated
+    // pasteboard, assertions held in memory, processes from /proc, no lid).
+    std::shared_ptr<Pasteboard> pasteboard;
+    std::shared_ptr<PowerAssertions> powerAssertions;
+    std::shared_ptr<ProcessWatcher> processes;
+    LidSensors lidSensors;
+    // Who is in front, for the clipboard's exclusions; unset means nobody known.
+    std::function<std::optional<ClipboardSourceApp>()> frontmostApplication;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -122,6 +138,16 @@ public:
     void syncFlowSettings();
     // Turns the network watcher on or off and stores the choice.
     void setNetworkMonitor(bool enabled);
+    Notepad& notepad() { return *notepad_; }
+    AwakeController& awake() { return *awake_; }
+    LidWatcher& lid() { return *lid_; }
+    PomodoroController& pomodoro() { return *pomodoro_; }
+    ClipboardMonitor& clipboard() { return *clipboard_; }
+    // The keep-awake session running now was started for a Pomodoro focus phase.
+    bool pomodoroHoldsAwake() const { return pomodoroHoldsAwake_; }
+
+    // Opens the settings window; installed by the menu bar once it is up.
+    std::function<void()> presentSettings;
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -138,21 +164,36 @@ private:
     void startMouseGestures();
     void gesturesDidWake();
     void networkMonitorChanged(bool enabled);
+    void installEverydayClosures();
+    void startEverydayServices();
+    void pomodoroPhaseEnded(PomodoroPhase finished, PomodoroPhase next);
+    void pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning);
+    void showNotepad();
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
+    std::unique_ptr<Notepad> notepad_;
+    std::unique_ptr<AwakeController> awake_;
+    std::unique_ptr<LidJournal> lidJournal_;
+    std::unique_ptr<LidWatcher> lid_;
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<FilterController> filter_;
+    std::unique_ptr<PomodoroController> pomodoro_;
     std::unique_ptr<LoginItemController> loginItem_;
     std::unique_ptr<WindowManager> windows_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
     Keychain keychain_{env_.secrets};
-    std::unique_ptr<FilterController> filter_;
+    std::unique_ptr<ClipboardMonitor> clipboard_;
     std::shared_ptr<FlowMonitor> flows_;
+    bool pomodoroHoldsAwake_ = false;
+    // Set while the clipboard and its settings are being brought in line with each other.
+    bool mirroringClipboard_ = false;
+    std::vector<Observation> everydayObservations_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;

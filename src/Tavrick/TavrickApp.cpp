@@ -21,6 +21,9 @@
 #include "Platform/Linux/LinuxDirectories.h"
 #include "Platform/Linux/LinuxHostLookup.h"
 #include "Platform/Linux/ProcSocketTable.h"
+#include "Platform/Linux/LinuxLidSensors.h"
+#include "Platform/Linux/LinuxProcessWatcher.h"
+#include "Platform/Linux/LogindPowerAssertions.h"
 #include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
 #include "Platform/Linux/TerminalAppearance.h"
@@ -30,6 +33,7 @@
 #include "Platform/Linux/XdgAutostart.h"
 #include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SessionBridge.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
 #include "Tavrick/AppCoordinator.h"
@@ -161,6 +165,9 @@ int TavrickApp::main(int argc, char** argv) {
     });
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
+    // The session's pasteboard; its state file shows the change count and types, never the text.
+    auto pasteboard = std::make_shared<SimulatedPasteboard>();
+    pasteboard->setStateFile(supportDirectory() / "session-state.json");
 
     std::string touchSourceDescription;
     auto touchSource = chooseTouchSource(log, touchSourceDescription);
@@ -221,6 +228,17 @@ int TavrickApp::main(int argc, char** argv) {
             .filterSystem = std::make_shared<AbsentFilterSystem>(Bundle::main().bundlePath().string()),
             .supportDirectory = {},
         },
+        .supportDirectory = supportDirectory(),
+        .pasteboard = pasteboard,
+        .powerAssertions = LogindPowerAssertions::makeBest(),
+        .processes = std::make_shared<LinuxProcessWatcher>(),
+        .lidSensors = LinuxLidSensors::make("/"),
+        // The clipboard's exclusions ask who is in front at each copy.
+        .frontmostApplication = [&desktop]() -> std::optional<ClipboardSourceApp> {
+            auto front = desktop.frontmostApplication();
+            if (!front) return std::nullopt;
+            return ClipboardSourceApp{front->bundleIdentifier.value_or(""), front->localizedName.value_or("")};
+        },
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
@@ -233,9 +251,12 @@ int TavrickApp::main(int argc, char** argv) {
 
     AppearanceController::setApplier(std::make_shared<TerminalAppearance>(log));
     auto coordinator = construct(environment);
-    auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath());
+    auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath(), pasteboard.get());
     if (bridge) {
-        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n" << std::flush;
+        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n"
+                  << "  copies   : a line \"copy\" and then the text, sent to " << sessionSocketPath().string()
+                  << ", is a copy on this session's pasteboard\n"
+                  << std::flush;
         if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
             bridge->setTouchPlayer([trackpad](const std::filesystem::path& recording) {
                 return trackpad->playRecording(recording);

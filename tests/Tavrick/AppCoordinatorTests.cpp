@@ -94,6 +94,12 @@ protected:
             .loginItems = LoginItemService{[this] { return loginStatus; }, [] { return std::nullopt; },
                                            [] { return std::nullopt; }, nullptr},
             .secrets = secrets,
+            .supportDirectory = {},
+            .pasteboard = nullptr,
+            .powerAssertions = nullptr,
+            .processes = nullptr,
+            .lidSensors = nullptr,
+            .frontmostApplication = nullptr,
         };
     }
 

@@ -69,6 +69,25 @@ std::optional<std::string> readLine(int fd, int timeoutMs) {
     return line;
 }
 
+// Reads until the peer closes its side, at most `limit` bytes, waiting at most `timeoutMs` for each
+// piece. Nothing when it went past the limit or stalled.
+std::optional<std::string> readToEnd(int fd, std::size_t limit, int timeoutMs) {
+    std::string out;
+    char buffer[65536];
+    for (;;) {
+        pollfd p{fd, POLLIN, 0};
+        int ready = poll(&p, 1, timeoutMs);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return std::nullopt;
+        ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) return out;
+        if (out.size() + static_cast<std::size_t>(n) > limit) return std::nullopt;
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
 template <class Integer>
 std::optional<Integer> parse(const std::string& text) {
     Integer value{};
@@ -161,12 +180,24 @@ std::string SessionBridge::handle(SimulatedSession& session, SimulatedDesktop* d
     return "ok\n";
 }
 
+std::string SessionBridge::handleCopy(SimulatedPasteboard* pasteboard, const std::string& request, std::string text) {
+    if (!pasteboard) return "error this session has no pasteboard\n";
+    std::istringstream words(request);
+    std::string verb, type;
+    words >> verb;
+    std::vector<std::pair<std::string, std::string>> entries;
+    if (!text.empty()) entries.emplace_back(Pasteboard::plainTextType, std::move(text));
+    while (words >> type) entries.emplace_back(type, std::string());
+    pasteboard->copy(std::move(entries));
+    return "ok " + std::to_string(pasteboard->changeCount()) + "\n";
+}
+
 std::unique_ptr<SessionBridge> SessionBridge::listen(SimulatedSession& session, std::filesystem::path socketPath) {
     return listen(session, nullptr, std::move(socketPath));
 }
 
 std::unique_ptr<SessionBridge> SessionBridge::listen(SimulatedSession& session, SimulatedDesktop* desktop,
-                                                     std::filesystem::path socketPath) {
+                                                     std::filesystem::path socketPath, SimulatedPasteboard* pasteboard) {
     sockaddr_un address;
     if (!fillAddress(socketPath, address)) {
         Log::core.error("Session bridge: the socket path is too long: %s", socketPath.c_str());
@@ -197,12 +228,12 @@ std::unique_ptr<SessionBridge> SessionBridge::listen(SimulatedSession& session, 
         return nullptr;
     }
     return std::unique_ptr<SessionBridge>(
-        new SessionBridge(session, desktop, std::move(socketPath), listener, wake[0], wake[1]));
+        new SessionBridge(session, desktop, pasteboard, std::move(socketPath), listener, wake[0], wake[1]));
 }
 
-SessionBridge::SessionBridge(SimulatedSession& session, SimulatedDesktop* desktop, std::filesystem::path path,
-                             int listener, int wakeRead, int wakeWrite)
-    : session_(session), desktop_(desktop), path_(std::move(path)), listener_(listener), wakeRead_(wakeRead), wakeWrite_(wakeWrite) {
+SessionBridge::SessionBridge(SimulatedSession& session, SimulatedDesktop* desktop, SimulatedPasteboard* pasteboard,
+                             std::filesystem::path path, int listener, int wakeRead, int wakeWrite)
+    : session_(session), desktop_(desktop), pasteboard_(pasteboard), path_(std::move(path)), listener_(listener), wakeRead_(wakeRead), wakeWrite_(wakeWrite) {
     thread_ = std::thread([this] { serve(); });
 }
 
@@ -230,7 +261,11 @@ void SessionBridge::serve() {
         int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) continue;
         if (auto line = readLine(client, 1000)) {
-            if (line->rfind("touches ", 0) == 0) {
+            if (line->rfind("copy", 0) == 0 && (line->size() == 4 || (*line)[4] == ' ')) {
+                auto text = readToEnd(client, maximumCopyBytes, 2000);
+                writeAll(client, text ? handleCopy(pasteboard_, *line, std::move(*text))
+                                      : "error the copy was too large or did not end\n");
+            } else if (line->rfind("touches ", 0) == 0) {
                 TouchPlayer player;
                 {
                     std::lock_guard guard(playerLock_);
@@ -259,6 +294,25 @@ std::optional<std::string> SessionBridge::sendStroke(const std::filesystem::path
     } else if (auto answer = readLine(fd, 2000); !answer) {
         failure = "the running Tavrick did not answer";
     } else if (*answer != "ok") {
+        failure = answer->rfind("error ", 0) == 0 ? answer->substr(6) : *answer;
+    }
+    close(fd);
+    return failure;
+}
+
+std::optional<std::string> SessionBridge::sendCopy(const std::filesystem::path& socketPath, const std::string& text,
+                                                   const std::vector<std::string>& types) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return std::string("no Tavrick is listening");
+    std::string request = "copy";
+    for (const auto& type : types) request += " " + type;
+    request += "\n";
+    std::optional<std::string> failure;
+    if (!writeAll(fd, request) || !writeAll(fd, text) || shutdown(fd, SHUT_WR) != 0) {
+        failure = "the running Tavrick did not take the copy";
+    } else if (auto answer = readLine(fd, 5000); !answer) {
+        failure = "the running Tavrick did not answer";
+    } else if (answer->rfind("ok", 0) != 0) {
         failure = answer->rfind("error ", 0) == 0 ? answer->substr(6) : *answer;
     }
     close(fd);

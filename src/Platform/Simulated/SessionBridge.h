@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform/Simulated/SimulatedDesktop.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Platform/Simulated/SimulatedSession.h"
 
 #include <atomic>
@@ -20,22 +21,29 @@ namespace tavrick {
 // in its support directory; `tavrick --post-key` from another terminal connects and sends a key
 // press, which then travels through the application's taps like a key the user pressed.
 //
-// The protocol is one line a request, answered with "ok\n" (or "ok <frames>\n" for touches) or
-// "error <reason>\n":
+// The protocol is one line a request, answered with "ok\n" (or "ok <frames>\n" for touches,
+// "ok <changeCount>\n" for a copy) or "error <reason>\n":
 //   key <keyCode> <modifiers>                     a key press through the taps
 //   touches <path>                                plays a touchpad recording into the simulated trackpad
 //   stroke <directions>                           a right-button stroke: up to three of up, down, left
 //                                                 and right joined by commas, or "click"
 //   permission <accessibility|inputMonitoring> <granted|denied|notDetermined>
 //   activate <bundle id>                          brings a running application to the front
-// The last two need the simulated desktop.
+//   copy [<type>...]                              followed by the copied text up to the end of the
+//                                                 client's half of the connection: the text (when there
+//                                                 is any) and the extra types go on the pasteboard as
+//                                                 one change
+// Permission and activate need the simulated desktop, copy the simulated pasteboard.
 class SessionBridge {
 public:
     // Starts listening; nothing (and a log line) when the socket cannot be made. A stale socket
     // left by a killed run is replaced; a live one (another copy running) is left alone.
     static std::unique_ptr<SessionBridge> listen(SimulatedSession& session, std::filesystem::path socketPath);
     static std::unique_ptr<SessionBridge> listen(SimulatedSession& session, SimulatedDesktop* desktop,
-                                                 std::filesystem::path socketPath);
+                                                 std::filesystem::path socketPath,
+                                                 SimulatedPasteboard* pasteboard = nullptr);
+    // The most a copy may carry through the bridge.
+    static constexpr std::size_t maximumCopyBytes = 64 * 1024 * 1024;
     ~SessionBridge();
     SessionBridge(const SessionBridge&) = delete;
     SessionBridge& operator=(const SessionBridge&) = delete;
@@ -63,6 +71,12 @@ public:
     using TouchPlayer = std::function<std::string(const std::filesystem::path& recording)>;
     void setTouchPlayer(TouchPlayer player);
 
+    // Copies `text` with `types` besides plain text into the pasteboard of the process listening at
+    // `socketPath`. Nothing on success, otherwise the reason.
+    static std::optional<std::string> sendCopy(const std::filesystem::path& socketPath, const std::string& text,
+                                               const std::vector<std::string>& types = {});
+    static std::string handleCopy(SimulatedPasteboard* pasteboard, const std::string& request, std::string text);
+
     // Whether a live process listens at `socketPath`: a running copy of Tavrick.
     static bool isListening(const std::filesystem::path& socketPath);
 
@@ -71,12 +85,14 @@ public:
     static std::string handle(SimulatedSession& session, SimulatedDesktop* desktop, const std::string& request);
 
 private:
-    SessionBridge(SimulatedSession& session, SimulatedDesktop* desktop, std::filesystem::path path, int listener,
+    SessionBridge(SimulatedSession& session, SimulatedDesktop* desktop, SimulatedPasteboard* pasteboard,
+                  std::filesystem::path path, int listener,
                   int wakeRead, int wakeWrite);
     void serve();
 
     SimulatedSession& session_;
     SimulatedDesktop* desktop_;
+    SimulatedPasteboard* pasteboard_;
     std::filesystem::path path_;
     int listener_;
     int wakeRead_;

@@ -1,0 +1,97 @@
+#include "Platform/Simulated/SimulatedPasteboard.h"
+
+#include "CoreKit/FileIO.h"
+#include "CoreKit/Log.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstring>
+
+namespace tavrick {
+
+std::int64_t SimulatedPasteboard::changeCount() const {
+    std::lock_guard lock(mutex_);
+    return changeCount_;
+}
+
+std::vector<std::string> SimulatedPasteboard::types() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    out.reserve(entries_.size());
+    for (const auto& [type, data] : entries_) out.push_back(type);
+    return out;
+}
+
+std::optional<std::string> SimulatedPasteboard::string(const std::string& type) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& [entryType, data] : entries_) {
+        if (entryType == type) return data;
+    }
+    return std::nullopt;
+}
+
+std::int64_t SimulatedPasteboard::clearContents() {
+    std::unique_lock lock(mutex_);
+    entries_.clear();
+    ++changeCount_;
+    const auto count = changeCount_;
+    changed(lock);
+    return count;
+}
+
+bool SimulatedPasteboard::setString(const std::string& text, const std::string& type) {
+    std::unique_lock lock(mutex_);
+    if (refusesWrites_) return false;
+    std::erase_if(entries_, [&](const auto& entry) { return entry.first == type; });
+    entries_.emplace_back(type, text);
+    // Adding to what a clear began is part of the same change, as on the real pasteboard.
+    changed(lock);
+    return true;
+}
+
+void SimulatedPasteboard::copy(std::vector<std::pair<std::string, std::string>> entries) {
+    std::unique_lock lock(mutex_);
+    entries_ = std::move(entries);
+    ++changeCount_;
+    changed(lock);
+}
+
+void SimulatedPasteboard::setRefusesWrites(bool refuses) {
+    std::lock_guard lock(mutex_);
+    refusesWrites_ = refuses;
+}
+
+void SimulatedPasteboard::setOnChange(std::function<void(std::int64_t, const std::vector<std::string>&)> onChange) {
+    std::lock_guard lock(mutex_);
+    onChange_ = std::move(onChange);
+}
+
+void SimulatedPasteboard::setStateFile(std::filesystem::path path) {
+    std::unique_lock lock(mutex_);
+    stateFile_ = std::move(path);
+    changed(lock);
+}
+
+void SimulatedPasteboard::changed(std::unique_lock<std::mutex>& lock) {
+    auto onChange = onChange_;
+    const auto count = changeCount_;
+    const auto stateFile = stateFile_;
+    std::vector<std::string> types;
+    for (const auto& [type, data] : entries_) types.push_back(type);
+    // Taken before the data lock is let go, so two changes reach the file in their order.
+    std::unique_lock stateLock(stateMutex_);
+    lock.unlock();
+    if (!stateFile.empty()) {
+        const nlohmann::json state = {{"pasteboard", {{"changeCount", count}, {"types", types}}}};
+        std::error_code error;
+        std::filesystem::create_directories(stateFile.parent_path(), error);
+        if (auto failure = FileIO::writeAtomically(stateFile, state.dump(2) + "\n", 0600)) {
+            Log::core.error("Could not write the session state: could not %s: %s", failure->step.c_str(),
+                            std::strerror(failure->error));
+        }
+    }
+    stateLock.unlock();
+    if (onChange) onChange(count, types);
+}
+
+} // namespace tavrick

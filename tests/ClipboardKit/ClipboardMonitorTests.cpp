@@ -1,0 +1,335 @@
+#include "ClipboardKit/ClipboardMonitor.h"
+#include "CoreKit/ManualScheduler.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
+#include "Support/LogCapture.h"
+#include "Support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
+
+using namespace tavrick;
+using namespace tavrick::testing;
+
+namespace {
+
+class ClipboardMonitorTest : public ::testing::Test {
+protected:
+    void SetUp() override { log = DiagnosticLog::make(root / "logs", scheduler); }
+
+    std::unique_ptr<ClipboardMonitor> make(bool enabled = true) {
+        auto monitor = std::make_unique<ClipboardMonitor>(policy, enabled, root / "support", pasteboard, scheduler, *log);
+        monitor->frontmostApplication = [this] { return front; };
+        return monitor;
+    }
+
+    void copy(const std::string& text, std::vector<std::string> extraTypes = {}) {
+        std::vector<std::pair<std::string, std::string>> entries;
+        if (!text.empty()) entries.emplace_back(Pasteboard::plainTextType, text);
+        for (auto& type : extraTypes) entries.emplace_back(type, "");
+        pasteboard.copy(entries);
+    }
+
+    // One poll and whatever it asked the writer to do.
+    void tick(ClipboardMonitor& monitor) {
+        scheduler.advance(ClipboardMonitor::pollInterval);
+        monitor.waitForSaves();
+    }
+
+    std::filesystem::path file() const { return root / "support" / "clipboard.json"; }
+
+    std::vector<std::string> fileTexts() {
+        std::vector<std::string> out;
+        for (const auto& record : nlohmann::json::parse(readFile(file()))) out.push_back(record["text"]);
+        return out;
+    }
+
+    static std::vector<std::string> texts(const ClipboardMonitor& monitor) {
+        std::vector<std::string> out;
+        for (const auto& item : monitor.history().get().items()) out.push_back(item.text.str());
+        return out;
+    }
+
+    std::vector<std::string> notes() {
+        log->flush();
+        return {log->contents()};
+    }
+
+    TempDir root;
+    ManualScheduler scheduler;
+    SimulatedPasteboard pasteboard;
+    std::shared_ptr<DiagnosticLog> log;
+    ClipboardPolicy policy;
+    std::optional<ClipboardSourceApp> front;
+};
+
+} // namespace
+
+TEST_F(ClipboardMonitorTest, RecordsNewCopiesButNotWhatWasThereBefore) {
+    copy("before launch");
+    auto monitor = make();
+    tick(*monitor);
+    EXPECT_TRUE(monitor->history().get().items().empty());
+
+    front = ClipboardSourceApp{"org.gnome.TextEditor", "Text Editor"};
+    int changes = 0;
+    monitor->onChange = [&] { ++changes; };
+    copy("hello");
+    tick(*monitor);
+    ASSERT_EQ(texts(*monitor), (std::vector<std::string>{"hello"}));
+    const auto& item = monitor->history().get().items()[0];
+    EXPECT_EQ(item.sourceBundleID, "org.gnome.TextEditor");
+    EXPECT_EQ(item.sourceAppName, "Text Editor");
+    EXPECT_EQ(item.copiedAt, scheduler.clock().now());
+    EXPECT_EQ(changes, 1);
+
+    // No change in the counter, no capture, even if the content were different.
+    tick(*monitor);
+    EXPECT_EQ(changes, 1);
+
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"hello"}));
+    struct stat info {};
+    ASSERT_EQ(::stat(file().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+}
+
+TEST_F(ClipboardMonitorTest, SkipsSayWhyAndNeverLogTheText) {
+    LogCapture capture;
+    auto monitor = make();
+    struct Case {
+        std::string text;
+        std::vector<std::string> types;
+        std::optional<std::string> from;
+        std::optional<std::string> reason;
+    };
+    const std::vector<Case> cases = {
+        {"secret-one", {"org.nspasteboard.ConcealedType"}, std::nullopt,
+         "Skipped a concealed copy (a password manager marked it private)"},
+        {"secret-two", {}, "com.1password.1password", "Skipped a copy from com.1password.1password"},
+        {"secret-three", {"org.nspasteboard.TransientType"}, "com.1password.1password",
+         "Skipped a concealed copy (a password manager marked it private)"},
+        {std::string(128001, 'x'), {}, std::nullopt, "Skipped a copy larger than 128000 characters"},
+        // An image: no text, no reason shown, and the previous reason stays.
+        {"", {"public.png"}, std::nullopt, "Skipped a copy larger than 128000 characters"},
+        {"fine", {}, std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        front = c.from ? std::optional<ClipboardSourceApp>({*c.from, "App"}) : std::nullopt;
+        copy(c.text, c.types);
+        tick(*monitor);
+        EXPECT_EQ(monitor->lastSkipReason().get(), c.reason) << c.text.substr(0, 20);
+    }
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"fine"}));
+    for (const auto& line : capture.lines()) EXPECT_EQ(line.message.find("secret"), std::string::npos) << line.message;
+    EXPECT_TRUE(capture.contains("clipboard", "Clipboard: skipped concealed content"));
+    log->flush();
+    EXPECT_EQ(log->contents().find("secret"), std::string::npos);
+}
+
+TEST_F(ClipboardMonitorTest, LengthIsCountedInCharactersNotBytes) {
+    auto monitor = make();
+    // A family emoji is one character of 25 bytes.
+    const std::string family = "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7\xE2\x80\x8D\xF0\x9F\x91\xA6";
+    std::string exact;
+    for (int i = 0; i < 128000; ++i) exact += i < 10 ? family : "a";
+    copy(exact);
+    tick(*monitor);
+    EXPECT_EQ(monitor->history().get().items().size(), 1u);
+    EXPECT_EQ(monitor->lastSkipReason().get(), std::nullopt);
+    copy(exact + "é");
+    tick(*monitor);
+    EXPECT_EQ(monitor->history().get().items().size(), 1u);
+    EXPECT_EQ(monitor->lastSkipReason().get(), "Skipped a copy larger than 128000 characters");
+}
+
+TEST_F(ClipboardMonitorTest, IllFormedTextIsKeptWithReplacementCharacters) {
+    auto monitor = make();
+    copy(std::string("caf\xE9 au lait"));
+    tick(*monitor);
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"caf\xEF\xBF\xBD au lait"}));
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"caf\xEF\xBF\xBD au lait"}));
+}
+
+TEST_F(ClipboardMonitorTest, OwnCopiesAreNotCapturedAndMoveToTheTop) {
+    auto monitor = make();
+    for (auto text : {"one", "two"}) {
+        copy(text);
+        tick(*monitor);
+    }
+    auto one = monitor->history().get().items()[1];
+    monitor->setPinned(true, one);
+    one = monitor->history().get().items()[0];
+    monitor->copyToPasteboard(one);
+    EXPECT_EQ(pasteboard.string(), "one");
+    int changes = 0;
+    monitor->onChange = [&] { ++changes; };
+    tick(*monitor);
+    EXPECT_EQ(changes, 0);
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"one", "two"}));
+    EXPECT_NE(monitor->history().get().items()[0].id, one.id);
+    EXPECT_TRUE(monitor->history().get().items()[0].isPinned);
+}
+
+TEST_F(ClipboardMonitorTest, ReloadKeepsOrderPinsAndTheMaximum) {
+    {
+        auto monitor = make();
+        for (auto text : {"a", "b", "c", "d"}) {
+            copy(text);
+            tick(*monitor);
+        }
+        monitor->setPinned(true, monitor->history().get().items()[3]);  // "a"
+    }
+    policy.maximumItems = 2;
+    auto monitor = make();
+    // On disk: a (pinned), d, c, b. Pins take room too, so one unpinned copy is left beside "a".
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"a", "d"}));
+    EXPECT_TRUE(monitor->history().get().items()[0].isPinned);
+}
+
+TEST_F(ClipboardMonitorTest, ACorruptFileMeansAnEmptyHistoryAndIsKeptAside) {
+    writeFile(file(), "[{\"id\": broken");
+    auto monitor = make();
+    EXPECT_TRUE(monitor->history().get().items().empty());
+    EXPECT_EQ(readFile(file()), "[{\"id\": broken");  // left in place until something is saved
+    log->flush();
+    EXPECT_NE(log->contents().find("[clipboard] the history file is unreadable (14 bytes) — starting empty"), std::string::npos);
+
+    copy("new");
+    tick(*monitor);
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"new"}));
+    bool keptAside = false;
+    for (const auto& entry : std::filesystem::directory_iterator(root / "support")) {
+        if (entry.path().filename().string().rfind("clipboard.json.corrupt-", 0) == 0) {
+            keptAside = readFile(entry.path()) == "[{\"id\": broken";
+        }
+    }
+    EXPECT_TRUE(keptAside);
+}
+
+TEST_F(ClipboardMonitorTest, ClearingAnEmptyHistoryNeverDeletesAnUnreadableFile) {
+    writeFile(file(), "not json");
+    auto monitor = make();
+    monitor->clear();
+    monitor->waitForSaves();
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(root / "support")) {
+        if (readFile(entry.path()) == "not json") ++found;
+    }
+    EXPECT_EQ(found, 1);
+}
+
+TEST_F(ClipboardMonitorTest, ClearKeepsPinsOrRemovesTheFile) {
+    auto monitor = make();
+    for (auto text : {"a", "b"}) {
+        copy(text);
+        tick(*monitor);
+    }
+    monitor->setPinned(true, monitor->history().get().items()[1]);
+    monitor->clear();
+    monitor->waitForSaves();
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"a"}));
+
+    monitor->setPinned(false, monitor->history().get().items()[0]);
+    monitor->clear();
+    monitor->waitForSaves();
+    EXPECT_FALSE(std::filesystem::exists(file()));
+}
+
+TEST_F(ClipboardMonitorTest, ForgetOnQuitNeverTouchesTheDisk) {
+    policy.clearOnQuit = true;
+    writeFile(file(), R"([{"id":"6BA7B810-9DAD-11D1-80B4-00C04FD430C8","text":"old","copiedAt":1,"isPinned":true}])");
+    auto monitor = make();
+    EXPECT_TRUE(monitor->history().get().items().empty());  // not even read
+    copy("x");
+    tick(*monitor);
+    monitor->setPinned(true, monitor->history().get().items()[0]);
+    monitor->waitForSaves();
+    EXPECT_NE(readFile(file()).find("old"), std::string::npos);  // untouched
+    monitor->forgetOnQuit();
+    EXPECT_TRUE(monitor->history().get().items().empty());
+    EXPECT_FALSE(std::filesystem::exists(file()));
+}
+
+TEST_F(ClipboardMonitorTest, ForgetOnQuitDoesNothingWhenNotAsked) {
+    auto monitor = make();
+    copy("keep me");
+    tick(*monitor);
+    monitor->forgetOnQuit();
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"keep me"}));
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"keep me"}));
+}
+
+TEST_F(ClipboardMonitorTest, TurningOnForgetTakesTheFileAwayAtOnce) {
+    auto monitor = make();
+    copy("a");
+    tick(*monitor);
+    ASSERT_TRUE(std::filesystem::exists(file()));
+    int policyChanges = 0;
+    auto observation = monitor->policy().observe([&](const auto&) { ++policyChanges; });
+    auto same = monitor->policy().get();
+    monitor->setPolicy(same);
+    EXPECT_EQ(policyChanges, 0);
+    same.clearOnQuit = true;
+    monitor->setPolicy(same);
+    monitor->waitForSaves();
+    EXPECT_EQ(policyChanges, 1);
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"a"}));  // memory keeps it until quit
+}
+
+TEST_F(ClipboardMonitorTest, LoweringTheMaximumTrimsAndSaves) {
+    auto monitor = make();
+    for (auto text : {"a", "b", "c"}) {
+        copy(text);
+        tick(*monitor);
+    }
+    auto lower = monitor->policy().get();
+    lower.maximumItems = 1;
+    monitor->setPolicy(lower);
+    monitor->waitForSaves();
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"c"}));
+}
+
+TEST_F(ClipboardMonitorTest, DisablingStopsPollingAndKeepsTheList) {
+    auto monitor = make();
+    copy("a");
+    tick(*monitor);
+    monitor->setEnabled(false);
+    EXPECT_EQ(scheduler.pendingTimers(), 0u);
+    copy("b");
+    tick(*monitor);
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"a"}));
+    // Turning on again starts from the counter as it is now.
+    monitor->setEnabled(true);
+    tick(*monitor);
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"a"}));
+    copy("c");
+    tick(*monitor);
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"c", "a"}));
+}
+
+TEST_F(ClipboardMonitorTest, AnUnwritableFolderLogsAndKeepsTheList) {
+    writeFile(root / "support", "a file where the folder should be");
+    LogCapture capture(LogLevel::error);
+    auto monitor = make();
+    copy("a");
+    tick(*monitor);
+    EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"a"}));
+    const auto messages = capture.messages("clipboard");
+    EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
+                            [](const auto& m) { return m.rfind("Could not save clipboard history: ", 0) == 0; }),
+              1);
+}
+
+TEST_F(ClipboardMonitorTest, SavesWaitingTogetherWriteOnlyTheNewest) {
+    auto monitor = make();
+    for (auto text : {"a", "b", "c"}) {
+        copy(text);
+        scheduler.advance(ClipboardMonitor::pollInterval);
+    }
+    // Nothing has run on the writer yet; one write carries all three.
+    monitor->waitForSaves();
+    EXPECT_EQ(fileTexts(), (std::vector<std::string>{"c", "b", "a"}));
+}

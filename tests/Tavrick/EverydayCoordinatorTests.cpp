@@ -1,0 +1,292 @@
+#include "Platform/Simulated/SimulatedDesktop.h"
+#include "CoreKit/SecretStore.h"
+// The coordinator's links between the everyday services, on virtual time.
+#include "CoreKit/ManualScheduler.h"
+#include "CoreKit/PreferenceStore.h"
+#include "CoreKit/Toast.h"
+#include "Platform/Simulated/InMemoryPowerAssertions.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
+#include "Platform/Simulated/SimulatedSession.h"
+#include "Support/LogCapture.h"
+#include "Support/TempDir.h"
+#include "Tavrick/AppCoordinator.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+
+using namespace tavrick;
+using namespace tavrick::testing;
+
+namespace {
+
+struct Presenter : Toast::Presenter {
+    std::vector<std::string> lines;
+    void present(const std::string& title, Toast::Kind kind, const std::optional<std::string>& detail) override {
+        lines.push_back(std::string(kind == Toast::Kind::warning ? "warning " : "") + title +
+                        (detail ? " | " + *detail : ""));
+    }
+};
+
+struct Notifications : UserNotificationCenter {
+    std::vector<std::string> added;
+    void requestAuthorization(int, AuthorizationReply reply) override { reply(true, std::nullopt); }
+    void add(const std::string&, const std::string& title, const std::string& body) override {
+        added.push_back(title + " | " + body);
+    }
+};
+
+struct NoProcesses : ProcessWatcher {
+    std::optional<Instance> find(const std::string&) override { return std::nullopt; }
+    std::unique_ptr<Watch> watchExit(const Instance&, std::function<void()>) override { return nullptr; }
+};
+
+class EverydayTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        installTestPlatform(root.path());
+        presenter = std::make_shared<Presenter>();
+        Toast::shared().setPresenter(presenter);
+        log = DiagnosticLog::make(root / "logs", scheduler);
+    }
+    void TearDown() override {
+        coordinator.reset();
+        Toast::shared().setPresenter(nullptr);
+        Toast::shared().setIsEnabled(nullptr);
+    }
+
+    AppCoordinator& make() {
+        coordinator = AppCoordinator::make(AppEnvironment{
+            .scheduler = scheduler,
+            .log = *log,
+            .events = session,
+            .defaults = defaults,
+            .workspace = workspace,
+            .notifications = notifications,
+            .keyboardLayout = nullptr,
+            .mappingsFile = root / "mappings.json",
+            .permissionSource = PermissionSource{[] { return true; }, [] { return 0; }},
+            .footprint = [] { return std::nullopt; },
+            .version = "1.0",
+            .build = "1",
+            .operatingSystemVersion = "Debian 12",
+            .applications = desktop,
+            .launcher = desktop,
+            .screens = desktop,
+            .windowList = desktop,
+            .windowAccessibility = desktop,
+            .finderDefaults = finderDefaults,
+            .home = root.path(),
+            .loginItems = {},
+            .secrets = secrets,
+            .supportDirectory = root / "support",
+            .pasteboard = pasteboard,
+            .powerAssertions = assertions,
+            .processes = std::make_shared<NoProcesses>(),
+            .lidSensors = [this] { return lid; },
+            .frontmostApplication = {},
+        });
+        return *coordinator;
+    }
+
+    std::vector<std::string> notes() {
+        log->flush();
+        std::vector<std::string> lines;
+        std::istringstream in(log->contents());
+        for (std::string line; std::getline(in, line);) lines.push_back(line.size() > 24 ? line.substr(24) : line);
+        return lines;
+    }
+    bool noted(const std::string& line) {
+        auto all = notes();
+        return std::find(all.begin(), all.end(), line) != all.end();
+    }
+
+    TempDir root;
+    ManualScheduler scheduler;
+    SimulatedSession session;
+    SimulatedDesktop desktop;
+    InMemoryPreferenceStore finderDefaults;
+    InMemorySecretStore secrets;
+    InMemoryPreferenceStore defaults;
+    WorkspaceNotifications workspace{scheduler};
+    Notifications notifications;
+    std::shared_ptr<SimulatedPasteboard> pasteboard = std::make_shared<SimulatedPasteboard>();
+    std::shared_ptr<InMemoryPowerAssertions> assertions = std::make_shared<InMemoryPowerAssertions>();
+    LidReadings lid;
+    std::shared_ptr<DiagnosticLog> log;
+    std::shared_ptr<Presenter> presenter;
+    std::shared_ptr<AppCoordinator> coordinator;
+};
+
+} // namespace
+
+TEST_F(EverydayTest, TheToggleActionStartsAndEndsKeepAwakeAndTheLogSaysSo) {
+    auto& app = make();
+    app.start();
+    EXPECT_TRUE(noted("[launch] keep-awake holds an assertion held in memory only (no system bus with logind here), so "
+                      "nothing stops the machine idling"));
+    app.actions().run(ActionSpec::toggleAwake());
+    EXPECT_TRUE(app.awake().isActive().get());
+    EXPECT_EQ(assertions->held().size(), 1u);
+    EXPECT_TRUE(noted("[awake] keep-awake on — Indefinitely, Keep display on"));
+    app.actions().run(ActionSpec::toggleAwake());
+    EXPECT_TRUE(assertions->held().empty());
+    EXPECT_TRUE(noted("[awake] keep-awake off"));
+}
+
+TEST_F(EverydayTest, FocusHoldsKeepAwakeAndABreakLetsGoOfIt) {
+    auto& app = make();
+    app.start();
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    EXPECT_TRUE(app.pomodoro().isRunning().get());
+    EXPECT_TRUE(app.awake().isActive().get());
+    EXPECT_TRUE(app.pomodoroHoldsAwake());
+
+    // Focus ends; the break starts by itself and the timer's session goes.
+    scheduler.advance(1500);
+    EXPECT_EQ(app.pomodoro().phase().get(), PomodoroPhase::shortBreak);
+    EXPECT_FALSE(app.awake().isActive().get());
+    EXPECT_FALSE(app.pomodoroHoldsAwake());
+    EXPECT_EQ(notifications.added, (std::vector<std::string>{"Time for a break | Focus finished."}));
+
+    scheduler.advance(300);
+    EXPECT_EQ(notifications.added.back(), "Back to work | Short Break finished.");
+    EXPECT_TRUE(app.awake().isActive().get());
+
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::reset));
+    EXPECT_FALSE(app.awake().isActive().get());
+    EXPECT_EQ(app.pomodoro().completedFocusSessions().get(), 0);
+}
+
+TEST_F(EverydayTest, ASessionTheUserStartedIsNeverStoppedByTheTimer) {
+    auto& app = make();
+    app.start();
+    app.awake().start(AwakeMode::allowDisplaySleep, AwakeSession::indefinite());
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    EXPECT_FALSE(app.pomodoroHoldsAwake());
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));  // pause
+    EXPECT_TRUE(app.awake().isActive().get());
+
+    // The timer's own session, stopped by the user and started again by hand, is the user's now.
+    app.awake().stop();
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    EXPECT_TRUE(app.pomodoroHoldsAwake());
+    app.awake().stop();
+    app.awake().toggle();
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    EXPECT_TRUE(app.awake().isActive().get());
+}
+
+TEST_F(EverydayTest, ARefusedAssertionLeavesTheTimerHoldingNothing) {
+    auto& app = make();
+    app.start();
+    assertions->setRefusal(3);
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    EXPECT_FALSE(app.pomodoroHoldsAwake());
+    assertions->setRefusal(0);
+    app.awake().toggle();
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    EXPECT_TRUE(app.awake().isActive().get());
+}
+
+TEST_F(EverydayTest, SkippingMovesOnQuietly) {
+    auto& app = make();
+    app.start();
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::skipPhase));
+    EXPECT_EQ(app.pomodoro().phase().get(), PomodoroPhase::shortBreak);
+    EXPECT_TRUE(notifications.added.empty());
+}
+
+TEST_F(EverydayTest, TheNoteIsFlushedOnSleepPowerOffAndQuit) {
+    auto& app = make();
+    app.start();
+    const auto file = root / "support/Notepad.txt";
+    for (auto event : {WorkspaceEvent::willSleep, WorkspaceEvent::willPowerOff, WorkspaceEvent::willTerminate}) {
+        const std::string text = "note " + std::to_string(static_cast<int>(event));
+        app.notepad().setText(text);
+        workspace.post({event, std::nullopt});
+        EXPECT_EQ(readFile(file), text);
+    }
+}
+
+TEST_F(EverydayTest, AFailedSaveShowsTheToast) {
+    writeFile(root / "support", "not a folder");
+    auto& app = make();
+    app.start();
+    app.notepad().setText("hello");
+    scheduler.advance(0.5);
+    EXPECT_NE(std::find(presenter->lines.begin(), presenter->lines.end(),
+                        "warning The note could not be saved | Tried to write to " + (root / "support/Notepad.txt").string()),
+              presenter->lines.end());
+}
+
+TEST_F(EverydayTest, CopiesAreRecordedAndForgottenAtQuitWhenAsked) {
+    defaults.set("clipboardClearOnQuit", true);
+    auto& app = make();
+    app.start();
+    pasteboard->copy({{Pasteboard::plainTextType, "copied"}});
+    scheduler.advance(0.4);
+    ASSERT_EQ(app.clipboard().history().get().items().size(), 1u);
+    EXPECT_TRUE(noted("[clipboard] recorded a copy; 1 in the history"));
+    workspace.post({WorkspaceEvent::willTerminate, std::nullopt});
+    EXPECT_TRUE(app.clipboard().history().get().items().empty());
+    EXPECT_FALSE(std::filesystem::exists(root / "support/clipboard.json"));
+}
+
+TEST_F(EverydayTest, TheClipboardFollowsItsSettingsAndWritesChangesBack) {
+    defaults.set("clipboardMaximumItems", 20);
+    defaults.set("clipboardEnabled", false);
+    auto& app = make();
+    EXPECT_EQ(app.clipboard().policy().get().maximumItems, 20);
+    EXPECT_EQ(app.clipboard().policy().get().maximumTextLength, 128000);
+    EXPECT_FALSE(app.clipboard().isEnabled().get());
+
+    app.clipboard().setEnabled(true);
+    auto policy = app.clipboard().policy().get();
+    policy.maximumItems = 250;
+    policy.clearOnQuit = true;
+    app.clipboard().setPolicy(policy);
+    EXPECT_EQ(defaults.object("clipboardEnabled"), PreferenceValue(true));
+    EXPECT_EQ(defaults.object("clipboardMaximumItems"), PreferenceValue(250));
+    EXPECT_EQ(defaults.object("clipboardClearOnQuit"), PreferenceValue(true));
+
+    // Settings taken on from elsewhere reach the clipboard.
+    app.settings().clipboardMaximumItems.set(10);
+    app.settings().isClipboardEnabled.set(false);
+    EXPECT_EQ(app.clipboard().policy().get().maximumItems, 10);
+    EXPECT_TRUE(app.clipboard().policy().get().clearOnQuit);
+    EXPECT_FALSE(app.clipboard().isEnabled().get());
+}
+
+TEST_F(EverydayTest, ShowClipboardOpensSettingsOnceTheMenuIsReady) {
+    auto& app = make();
+    app.start();
+    app.actions().run(ActionSpec::showClipboardHistory());
+    EXPECT_TRUE(noted("[window] asked to open Settings before the menu bar was ready"));
+    int opened = 0;
+    app.presentSettings = [&] { ++opened; };
+    app.actions().run(ActionSpec::showClipboardHistory());
+    EXPECT_EQ(opened, 1);
+}
+
+TEST_F(EverydayTest, TheLaunchLogSaysWhatClosingTheLidWouldDo) {
+    lid.onPowerAdapter = false;
+    lid.externalDisplays = 1;
+    make().start();
+    EXPECT_TRUE(noted("[lid] On battery: Not set up for it — Closing the lid sleeps this Mac. Running with it shut "
+                      "needs an external keyboard or mouse."));
+}
+
+TEST_F(EverydayTest, TheLidWatcherStartsWithTheCoordinator) {
+    auto& app = make();
+    lid.lidClosed = true;
+    scheduler.advance(30);
+    EXPECT_EQ(defaults.object("lidObservations"), std::nullopt);
+    app.start();
+    scheduler.advance(25);
+    auto stored = defaults.object("lidObservations");
+    ASSERT_TRUE(stored && stored->asData());
+    const auto json = nlohmann::json::parse(stored->asData()->begin(), stored->asData()->end());
+    EXPECT_EQ(json["powerAdapter"]["outcome"], "keptRunning");
+}
