@@ -1,5 +1,7 @@
 #include "Tavrick/TavrickApp.h"
 
+#include <nlohmann/json.hpp>
+
 #include "CoreKit/AppInfo.h"
 #include "CoreKit/Appearance.h"
 #include "CoreKit/Bundle.h"
@@ -165,9 +167,11 @@ int TavrickApp::main(int argc, char** argv) {
     });
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
-    // The session's pasteboard; its state file shows the change count and types, never the text.
+    // The session's pasteboard; the desktop's state file shows its change count and types, never
+    // the text.
     auto pasteboard = std::make_shared<SimulatedPasteboard>();
-    pasteboard->setStateFile(supportDirectory() / "session-state.json");
+    desktop.addStateSection("pasteboard", [pasteboard] { return pasteboard->stateSection(); });
+    pasteboard->setOnChange([&desktop](std::int64_t, const std::vector<std::string>&) { desktop.noteStateChange(); });
 
     std::string touchSourceDescription;
     auto touchSource = chooseTouchSource(log, touchSourceDescription);

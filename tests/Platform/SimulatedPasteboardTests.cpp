@@ -10,12 +10,11 @@
 using namespace tavrick;
 using namespace tavrick::testing;
 
-TEST(SimulatedPasteboard, EveryChangeMovesTheCounterAndTheStateFileShowsIt) {
-    TempDir root;
+TEST(SimulatedPasteboard, EveryChangeMovesTheCounterAndTheStateShowsIt) {
     SimulatedPasteboard pasteboard;
-    // The support folder may not exist yet on a first run.
-    pasteboard.setStateFile(root / "support/session-state.json");
-    auto state = [&] { return nlohmann::json::parse(readFile(root / "support/session-state.json")); };
+    std::vector<std::int64_t> told;
+    pasteboard.setOnChange([&](std::int64_t count, const std::vector<std::string>&) { told.push_back(count); });
+    auto state = [&] { return nlohmann::json{{"pasteboard", pasteboard.stateSection()}}; };
     EXPECT_EQ(state(), nlohmann::json::parse(R"({"pasteboard":{"changeCount":0,"types":[]}})"));
 
     pasteboard.copy({{Pasteboard::plainTextType, "private words"}, {"org.nspasteboard.ConcealedType", ""}});
@@ -24,7 +23,7 @@ TEST(SimulatedPasteboard, EveryChangeMovesTheCounterAndTheStateFileShowsIt) {
     EXPECT_EQ(pasteboard.string(), "private words");
     EXPECT_EQ(pasteboard.string("public.png"), std::nullopt);
     EXPECT_EQ(state()["pasteboard"]["changeCount"], 1);
-    EXPECT_EQ(readFile(root / "support/session-state.json").find("private"), std::string::npos);
+    EXPECT_EQ(state().dump().find("private"), std::string::npos);
 
     // A clear and a write are one change, as when a program copies.
     EXPECT_EQ(pasteboard.clearContents(), 2);
@@ -36,6 +35,7 @@ TEST(SimulatedPasteboard, EveryChangeMovesTheCounterAndTheStateFileShowsIt) {
     pasteboard.setRefusesWrites(true);
     EXPECT_FALSE(pasteboard.setString("refused"));
     EXPECT_EQ(pasteboard.string(), "mine");
+    EXPECT_EQ(told, (std::vector<std::int64_t>{1, 2, 2}));
 }
 
 TEST(SimulatedPasteboard, TheBridgeCarriesCopiesFromAnotherProcess) {

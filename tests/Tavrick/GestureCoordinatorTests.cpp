@@ -83,6 +83,12 @@ protected:
             .secrets = secrets,
             .touchSource = std::move(source),
             .frontmostBundleID = "com.apple.Safari",
+            .supportDirectory = {},
+            .pasteboard = nullptr,
+            .powerAssertions = nullptr,
+            .processes = nullptr,
+            .lidSensors = nullptr,
+            .frontmostApplication = nullptr,
         });
         return coordinator;
     }

@@ -104,6 +104,12 @@ struct NetworkWatcherTest : ::testing::Test {
             .loginItems = {},
             .secrets = secrets,
             .network = network,
+            .supportDirectory = {},
+            .pasteboard = nullptr,
+            .powerAssertions = nullptr,
+            .processes = nullptr,
+            .lidSensors = nullptr,
+            .frontmostApplication = nullptr,
         });
         return *coordinator;
     }

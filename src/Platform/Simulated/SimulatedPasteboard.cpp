@@ -66,31 +66,19 @@ void SimulatedPasteboard::setOnChange(std::function<void(std::int64_t, const std
     onChange_ = std::move(onChange);
 }
 
-void SimulatedPasteboard::setStateFile(std::filesystem::path path) {
-    std::unique_lock lock(mutex_);
-    stateFile_ = std::move(path);
-    changed(lock);
+nlohmann::json SimulatedPasteboard::stateSection() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> types;
+    for (const auto& [type, data] : entries_) types.push_back(type);
+    return {{"changeCount", changeCount_}, {"types", types}};
 }
 
 void SimulatedPasteboard::changed(std::unique_lock<std::mutex>& lock) {
     auto onChange = onChange_;
     const auto count = changeCount_;
-    const auto stateFile = stateFile_;
     std::vector<std::string> types;
     for (const auto& [type, data] : entries_) types.push_back(type);
-    // Taken before the data lock is let go, so two changes reach the file in their order.
-    std::unique_lock stateLock(stateMutex_);
     lock.unlock();
-    if (!stateFile.empty()) {
-        const nlohmann::json state = {{"pasteboard", {{"changeCount", count}, {"types", types}}}};
-        std::error_code error;
-        std::filesystem::create_directories(stateFile.parent_path(), error);
-        if (auto failure = FileIO::writeAtomically(stateFile, state.dump(2) + "\n", 0600)) {
-            Log::core.error("Could not write the session state: could not %s: %s", failure->step.c_str(),
-                            std::strerror(failure->error));
-        }
-    }
-    stateLock.unlock();
     if (onChange) onChange(count, types);
 }
 

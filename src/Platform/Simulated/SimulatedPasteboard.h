@@ -2,6 +2,8 @@
 
 #include "CoreKit/Pasteboard.h"
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -24,9 +26,9 @@ public:
     void copy(std::vector<std::pair<std::string, std::string>> entries);
     // Makes every following write fail, as a pasteboard owned by another process can.
     void setRefusesWrites(bool refuses);
-    // The session's state file: after every change it shows the change count and the types, never
-    // the text, as {"pasteboard": {"changeCount": 3, "types": [...]}}.
-    void setStateFile(std::filesystem::path path);
+    // What the session's state file shows of the pasteboard: the change count and the types, never
+    // the text, as {"changeCount": 3, "types": [...]}.
+    nlohmann::json stateSection() const;
     // Told after every change, with the new count and types, outside the lock.
     void setOnChange(std::function<void(std::int64_t, const std::vector<std::string>&)> onChange);
 
@@ -38,9 +40,6 @@ private:
     std::vector<std::pair<std::string, std::string>> entries_;
     bool refusesWrites_ = false;
     std::function<void(std::int64_t, const std::vector<std::string>&)> onChange_;
-    std::filesystem::path stateFile_;
-    // Keeps state-file writes from two threads in order.
-    std::mutex stateMutex_;
 };
 
 } // namespace tavrick
