@@ -8,14 +8,8 @@ namespace {
 
 Flow flow(const std::string& path, const std::string& name, const std::string& host,
           FlowState state = FlowState::established) {
-    Flow f;
-    f.pid = 100;
-    f.name = name;
-    f.executablePath = path;
-    f.local = {"192.168.1.2", 50000, false};
-    f.remote = {host, 443, false};
-    f.state = state;
-    return f;
+    return {.pid = 100, .name = name, .executablePath = path, .local = {"192.168.1.2", 50000, false},
+            .remote = {host, 443, false}, .state = state};
 }
 
 // An engine past its learning period unless told otherwise, on a wall clock the test moves.

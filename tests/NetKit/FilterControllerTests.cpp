@@ -136,20 +136,16 @@ TEST_F(FilterTest, RequestOutcomesAndErrorCodes) {
     EXPECT_EQ(notes().back(), "[netfilter] refused the activation request");
 }
 
-TEST_F(FilterTest, AFailingConfigurationIsRefusedAtThatStep) {
+TEST_F(FilterTest, AFailingConfigurationIsRefusedAtThatStepAndRemoveRefreshes) {
     system->saveError = "The configuration is invalid.";
     auto filter = make();
     filter->requestDidFinish(FilterController::RequestResult::completed);
     EXPECT_EQ(filter->state().get(), FilterController::State::failed("The configuration is invalid."));
     EXPECT_EQ(filter->refusal().get()->step, FilterController::RefusalStep::configuration);
-}
-
-TEST_F(FilterTest, RemoveRequestsDeactivationAndRefreshes) {
     system->preferences = {true, true};
-    auto filter = make();
     filter->remove();
-    EXPECT_EQ(system->requests, (std::vector<std::string>{"deactivate com.orvell.tavrick.netfilter"}));
-    EXPECT_EQ(notes(), (std::vector<std::string>{"[netfilter] deactivation requested"}));
+    EXPECT_EQ(system->requests, (std::vector<std::string>{"enable", "deactivate com.orvell.tavrick.netfilter"}));
+    EXPECT_EQ(notes().back(), "[netfilter] deactivation requested");
     EXPECT_EQ(filter->state().get().kind, Kind::ready);
 }
 

@@ -66,15 +66,8 @@ private:
 
 inline Flow makeFlow(std::int32_t pid, const std::string& path, const std::string& name, const std::string& host,
                      std::uint16_t localPort = 50000, double startedAt = 1000) {
-    Flow f;
-    f.pid = pid;
-    f.processStartedAt = startedAt;
-    f.name = name;
-    f.executablePath = path;
-    f.local = {"127.0.0.1", localPort, false};
-    f.remote = {host, 443, false};
-    f.state = FlowState::established;
-    return f;
+    return {.pid = pid, .processStartedAt = startedAt, .name = name, .executablePath = path,
+            .local = {"127.0.0.1", localPort, false}, .remote = {host, 443, false}};
 }
 
 } // namespace tavrick::testing
