@@ -133,15 +133,6 @@ TEST(AlertEngine, TitlesAndBodies) {
     }
 }
 
-TEST(AlertEngine, ListeningAndPeerlessFlowsAreNeitherRecordedNorAlerted) {
-    Harness h;
-    h.at(1000, {flow("/opt/server", "server", "", FlowState::established),
-                flow("/opt/server", "server", "1.2.3.4", FlowState::listening)});
-    EXPECT_FALSE(h.engine.seen().knowsApp(AppKey{"/opt/server", ""}));
-    EXPECT_EQ(h.engine.waitingCount(), 0u);
-    EXPECT_TRUE(h.at(2000, {}).empty());
-}
-
 TEST(AlertEngine, AMutedAppIsRememberedAndAMuteAfterGatheringDropsTheDigestSilently) {
     Harness h(-100000, {"/opt/muted"});
     h.at(1000, {flow("/opt/muted", "muted", "1.1.1.1"), flow("/opt/a", "a", "2.2.2.2")});
@@ -192,29 +183,26 @@ TEST(AlertEngine, ABurstOfTenThousandFlowsIsOneBoundedAlert) {
     EXPECT_EQ(h.engine.seen().hostCount(AppKey{"/Applications/Scan.app/Contents/MacOS/scan", ""}), 4096u);
 }
 
-TEST(AlertEngine, DisplayNameComesFromTheBundleThenTheProcessName) {
+TEST(AlertEngine, DisplayNamesAndRenamedAddressesInWaitingDigests) {
     Harness h;
-    h.at(1000, {flow("/Applications/Foo.app/Contents/Helpers/Bar.app/bar", "bar", "1.1.1.1"),
-                flow("", "", "1.1.1.2"), flow("/opt/bin/tool", "tool", "1.1.1.3")});
+    h.at(1000, {flow("/Applications/Foo.app/Contents/Helpers/Bar.app/bar", "bar", "1.1.1.1"), flow("", "", "1.1.1.2"),
+                flow("/opt/bin/tool", "tool", "1.1.1.3"), flow("/opt/bin/tool", "tool", "2.2.2.2")});
+    h.engine.rename("1.1.1.3", "three.example");
+    h.engine.rename("9.9.9.9", "nobody.example");
     auto alerts = h.at(1060, {});
     std::vector<std::string> names;
     for (auto& alert : alerts) names.push_back(alert.displayName);
+    // From the bundle, then the process name, then nothing.
     EXPECT_EQ(names, (std::vector<std::string>{"Foo", "Unknown", "tool"}));
+    EXPECT_EQ(alerts.back().body(), "Connected to three.example and 2.2.2.2.");
 }
 
-TEST(AlertEngine, RenameReplacesTheAddressInWaitingDigests) {
+TEST(AlertEngine, RestartEmptiesWaitingDigestsAndKeepsMemoryWhereListeningAndPeerlessFlowsLeaveNone) {
     Harness h;
-    h.at(1000, {flow("/opt/a", "a", "1.1.1.1"), flow("/opt/a", "a", "2.2.2.2")});
-    h.engine.rename("1.1.1.1", "one.example");
-    h.engine.rename("9.9.9.9", "nobody.example");
-    auto alerts = h.at(1060, {});
-    ASSERT_EQ(alerts.size(), 1u);
-    EXPECT_EQ(alerts[0].body(), "Connected to one.example and 2.2.2.2.");
-}
-
-TEST(AlertEngine, RestartEmptiesWaitingDigestsAndKeepsMemory) {
-    Harness h;
-    h.at(1000, {flow("/opt/a", "a", "1.1.1.1")});
+    h.at(1000, {flow("/opt/a", "a", "1.1.1.1"), flow("/opt/server", "server", "", FlowState::established),
+                flow("/opt/server", "server", "1.2.3.4", FlowState::listening)});
+    EXPECT_FALSE(h.engine.seen().knowsApp(AppKey{"/opt/server", ""}));
+    EXPECT_EQ(h.engine.waitingCount(), 1u);
     h.engine.restart(1010);
     EXPECT_EQ(h.engine.waitingCount(), 0u);
     EXPECT_TRUE(h.engine.isLearning(1010 + 899));

@@ -85,7 +85,7 @@ TEST(AppKey, EqualityAndHashUsePathOnly) {
     EXPECT_EQ(json.get<AppKey>().fallbackName, "x");
 }
 
-TEST(ProcessIdentity, OwningAppTakesTheOutermostBundle) {
+TEST(ProcessIdentity, TheOutermostBundleNamesTheAppThenTheProcessThenUnknown) {
     using ProcessIdentity::owningApp;
     EXPECT_EQ(owningApp("/Applications/Foo.app/Contents/Frameworks/Bar.app/Contents/MacOS/Bar"), "Foo");
     EXPECT_EQ(owningApp("//Applications//Foo.app"), "Foo");
@@ -93,9 +93,6 @@ TEST(ProcessIdentity, OwningAppTakesTheOutermostBundle) {
     EXPECT_FALSE(owningApp("/usr/bin/curl"));
     EXPECT_FALSE(owningApp("/opt/app/bin"));
     EXPECT_FALSE(owningApp(""));
-}
-
-TEST(ProcessIdentity, DisplayNameFallsFromAppToProcessToUnknown) {
     using ProcessIdentity::displayName;
     EXPECT_EQ(displayName("/Applications/Safari.app/Contents/MacOS/Safari", "com.apple.WebKit"), "Safari");
     EXPECT_EQ(displayName("/usr/bin/curl", "curl"), "curl");

@@ -87,7 +87,7 @@ TEST_F(LibprocTest, AFlowKeepsItsFirstSightingUntilItClosesOrItsPidIsReused) {
     EXPECT_EQ(reused.processStartedAt, 777);
 }
 
-TEST_F(LibprocTest, StopForgetsWhatWasKnownAndAQueuedTickDoesNothing) {
+TEST_F(LibprocTest, StopOrTheSourceGoingAwayEndsItsTicks) {
     table->result = {process(10, 500, {"1.1.1.1"})};
     source->start();
     scheduler.runUntilIdle();
@@ -98,7 +98,12 @@ TEST_F(LibprocTest, StopForgetsWhatWasKnownAndAQueuedTickDoesNothing) {
     source->start();
     scheduler.advance(1);
     ASSERT_EQ(batches.size(), 2u);
+    // What stop forgot is first seen again.
     EXPECT_EQ(batches[1][0].firstSeen, scheduler.clock().now() - 1);
+    source.reset();
+    scheduler.advance(30);
+    EXPECT_EQ(batches.size(), 2u);
+    EXPECT_EQ(scheduler.pendingTimers(), 0u);
 }
 
 TEST_F(LibprocTest, DuplicateSocketsOfOneProcessAreOneFlow) {
@@ -110,11 +115,3 @@ TEST_F(LibprocTest, DuplicateSocketsOfOneProcessAreOneFlow) {
     EXPECT_EQ(batches.at(0).size(), 1u);
 }
 
-TEST_F(LibprocTest, TheSourceGoingAwayStopsItsTimer) {
-    source->start();
-    scheduler.runUntilIdle();
-    source.reset();
-    scheduler.advance(30);
-    EXPECT_EQ(batches.size(), 1u);
-    EXPECT_EQ(scheduler.pendingTimers(), 0u);
-}

@@ -108,22 +108,18 @@ TEST(ProcSocketTable, AScanMatchesDescriptorsToSocketsByInode) {
               std::vector<std::string>{"listening 127.0.0.1:8080 → :0"});
 }
 
-TEST(ProcSocketTable, ExcludedAndOtherUsersProcessesAreLeftOut) {
+TEST(ProcSocketTable, ExcludedAndOtherUsersProcessesMissingTablesAndAMissingProcGiveNothing) {
     FakeProc proc;
     EXPECT_TRUE(proc.table().scan(100, flows).empty());
     auto others = proc.table(getuid() + 1);
     EXPECT_TRUE(others.scan(std::nullopt, flows).empty());
     EXPECT_EQ(others.visibility(), (SocketTable::Visibility{0, 3, 0}));
     EXPECT_EQ(proc.table().visibility(), (SocketTable::Visibility{3, 0, 0}));
-}
-
-TEST(ProcSocketTable, MissingTablesAndAMissingProcGiveNothing) {
-    FakeProc proc;
-    fs::remove_all(proc.root / "net");
-    EXPECT_TRUE(proc.table().scan(std::nullopt, flows).empty());
     ProcSocketTable nowhere({.procRoot = proc.root / "absent", .tables = ProcSocketTable::Tables::procText});
     EXPECT_TRUE(nowhere.scan(std::nullopt, flows).empty());
     EXPECT_EQ(nowhere.visibility(), SocketTable::Visibility{});
+    fs::remove_all(proc.root / "net");
+    EXPECT_TRUE(proc.table().scan(std::nullopt, flows).empty());
 }
 
 namespace {
