@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <unordered_set>
-
 using namespace tavrick;
 
 TEST(Endpoint, DisplayBracketsIPv6Only) {
@@ -38,7 +36,6 @@ TEST(Endpoint, PrivateAddressesAtTheEdgesOfEachRange) {
 TEST(Endpoint, ServiceNamesForWellKnownPortsAndNothingElse) {
     EXPECT_EQ(Endpoint::service(465), "Mail");
     EXPECT_EQ(Endpoint::service(19302), "STUN");
-    EXPECT_EQ(Endpoint::service(5223), "Apple Push");
     EXPECT_EQ(Endpoint::service(8443), "HTTP (alt)");
     for (std::uint16_t port : {0, 21, 444, 8000, 65535}) EXPECT_FALSE(Endpoint::service(port)) << port;
 }
@@ -68,8 +65,6 @@ TEST(Flow, KeyTellsApartAReusedPidAndAgeNeverNegative) {
     EXPECT_EQ(a.id(), b.id());
     b.processStartedAt = 150.25;
     EXPECT_NE(a.id(), b.id());
-    std::unordered_set<FlowKey> keys{a.id(), b.id()};
-    EXPECT_EQ(keys.size(), 2u);
 
     EXPECT_EQ(a.age(250), 50);
     EXPECT_EQ(a.age(200), 0);
@@ -90,7 +85,7 @@ TEST(AppKey, EqualityAndHashUsePathOnly) {
     EXPECT_EQ(json.get<AppKey>().fallbackName, "x");
 }
 
-TEST(ProcessIdentity, OwningAppTakesTheOutermostBundle) {
+TEST(ProcessIdentity, TheOutermostBundleNamesTheAppThenTheProcessThenUnknown) {
     using ProcessIdentity::owningApp;
     EXPECT_EQ(owningApp("/Applications/Foo.app/Contents/Frameworks/Bar.app/Contents/MacOS/Bar"), "Foo");
     EXPECT_EQ(owningApp("//Applications//Foo.app"), "Foo");
@@ -98,9 +93,6 @@ TEST(ProcessIdentity, OwningAppTakesTheOutermostBundle) {
     EXPECT_FALSE(owningApp("/usr/bin/curl"));
     EXPECT_FALSE(owningApp("/opt/app/bin"));
     EXPECT_FALSE(owningApp(""));
-}
-
-TEST(ProcessIdentity, DisplayNameFallsFromAppToProcessToUnknown) {
     using ProcessIdentity::displayName;
     EXPECT_EQ(displayName("/Applications/Safari.app/Contents/MacOS/Safari", "com.apple.WebKit"), "Safari");
     EXPECT_EQ(displayName("/usr/bin/curl", "curl"), "curl");

@@ -13,21 +13,11 @@ TEST(NetFilterIdentity, ServiceNameAndBundlePath) {
 }
 
 TEST(NetFilterReply, FlowsRoundTripAndBecomeAppFlows) {
-    NetFilterReply::Flow wire;
-    wire.pid = 77;
-    wire.processStartedAt = 1700000000.25;
-    wire.executablePath = "/usr/bin/curl";
-    wire.processName = "curl";
-    wire.teamIdentifier = "TEAM";
-    wire.localAddress = "10.0.0.2";
-    wire.localPort = 50000;
-    wire.remoteAddress = "1.1.1.1";
-    wire.remotePort = 53;
-    wire.isUDP = true;
-    wire.firstSeen = 10;
-    wire.lastSeen = 20;
-    wire.bytesOut = 18446744073709551615ULL;
-    wire.token = 9;
+    NetFilterReply::Flow wire{.pid = 77, .processStartedAt = 1700000000.25, .executablePath = "/usr/bin/curl",
+                              .processName = "curl", .signingIdentifier = std::nullopt, .teamIdentifier = "TEAM",
+                              .localAddress = "10.0.0.2", .localPort = 50000, .remoteAddress = "1.1.1.1",
+                              .remotePort = 53, .remoteHostname = std::nullopt, .isUDP = true, .firstSeen = 10,
+                              .lastSeen = 20, .bytesOut = 18446744073709551615ULL, .token = 9};
     NetFilterReply::Flows flows{{wire}, 10, true};
     auto decoded = NetFilterReply::decode<NetFilterReply::Flows>(NetFilterReply::encode(flows));
     ASSERT_TRUE(decoded);

@@ -16,7 +16,7 @@ TEST(ResolverCache, LifetimesEndExactlyAtTheirSeconds) {
     EXPECT_EQ(cache.count(), 0u);
 }
 
-TEST(ResolverCache, LabelIsTheLiveNameOrTheAddress) {
+TEST(ResolverCache, LabelIsTheLiveNameOrTheAddressAndStoringAgainReplacesBoth) {
     ResolverCache cache;
     cache.store(ResolverCache::Answer::named("one.example"), "1.1.1.1", 0);
     cache.store(ResolverCache::Answer::none(), "2.2.2.2", 0);
@@ -24,6 +24,10 @@ TEST(ResolverCache, LabelIsTheLiveNameOrTheAddress) {
     EXPECT_EQ(cache.label("2.2.2.2", 10), "2.2.2.2");
     EXPECT_EQ(cache.label("3.3.3.3", 10), "3.3.3.3");
     EXPECT_EQ(cache.label("1.1.1.1", 21600), "1.1.1.1");
+    const auto entries = cache.count();
+    cache.store(ResolverCache::Answer::named("two.example"), "2.2.2.2", 500);
+    EXPECT_EQ(cache.count(), entries);
+    EXPECT_EQ(cache.label("2.2.2.2", 5000), "two.example");
 }
 
 TEST(ResolverCache, NeedsLookupSkipsPrivateAndLiveAddresses) {
@@ -50,12 +54,4 @@ TEST(ResolverCache, TheEntryPastCapacityEvictsTheLeastRecentlyUsed) {
     EXPECT_FALSE(cache.lookup("5.5.0.1", 4102));
     EXPECT_TRUE(cache.lookup("5.5.0.2", 4102));
     EXPECT_TRUE(cache.lookup("6.6.6.6", 4102));
-}
-
-TEST(ResolverCache, StoringAgainReplacesTheAnswerAndItsLifetime) {
-    ResolverCache cache;
-    cache.store(ResolverCache::Answer::none(), "8.8.8.8", 0);
-    cache.store(ResolverCache::Answer::named("dns.google"), "8.8.8.8", 500);
-    EXPECT_EQ(cache.label("8.8.8.8", 5000), "dns.google");
-    EXPECT_EQ(cache.count(), 1u);
 }

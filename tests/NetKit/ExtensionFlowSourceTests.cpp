@@ -1,8 +1,6 @@
-#include "CoreKit/ManualScheduler.h"
 #include "NetKit/ExtensionFlowSource.h"
 #include "NetFakes.h"
 #include "Support/LogCapture.h"
-#include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
 
@@ -48,32 +46,20 @@ struct FakeLink : NetFilterLink {
 };
 
 NetFilterReply::Flow wire(std::int32_t pid, const std::string& remote, double lastSeen, std::int64_t token) {
-    NetFilterReply::Flow f;
-    f.pid = pid;
-    f.processStartedAt = 1;
-    f.executablePath = "/opt/app";
-    f.processName = "app";
-    f.localAddress = "10.0.0.2";
-    f.localPort = 50000;
-    f.remoteAddress = remote;
-    f.remotePort = 443;
-    f.firstSeen = lastSeen - 1;
-    f.lastSeen = lastSeen;
-    f.token = token;
-    return f;
+    return {.pid = pid, .processStartedAt = 1, .executablePath = "/opt/app", .processName = "app",
+            .signingIdentifier = std::nullopt, .teamIdentifier = std::nullopt, .localAddress = "10.0.0.2",
+            .localPort = 50000, .remoteAddress = remote, .remotePort = 443, .remoteHostname = std::nullopt,
+            .firstSeen = lastSeen - 1, .lastSeen = lastSeen, .token = token};
 }
 
-struct ExtensionTest : ::testing::Test {
-    TempDir root;
-    ManualScheduler scheduler;
-    std::shared_ptr<DiagnosticLog> log = DiagnosticLog::make(root / "logs", scheduler);
+struct ExtensionTest : LoggedTest {
     std::shared_ptr<FakeLink> link = std::make_shared<FakeLink>();
     std::shared_ptr<ExtensionFlowSource> source = ExtensionFlowSource::make(2, link, scheduler, log.get());
     std::vector<std::vector<Flow>> batches;
     void SetUp() override {
         source->setOnFlows([this](const std::vector<Flow>& flows) { batches.push_back(flows); });
     }
-    double now() { return scheduler.clock().now(); }
+    static std::string reply(NetFilterReply::Flows flows) { return NetFilterReply::encode(flows); }
 };
 
 } // namespace
@@ -102,6 +88,7 @@ TEST_F(ExtensionTest, ACopyWithoutATeamOrRequirementCannotStart) {
 }
 
 TEST_F(ExtensionTest, StartPinsThePeerSaysHelloAndAsksByTokenEachTick) {
+    LogCapture capture;
     source->start();
     EXPECT_EQ(link->connectedService, "TEAM123456.com.orvell.tavrick.netfilter");
     EXPECT_EQ(link->pinnedRequirement, "identifier \"com.orvell.tavrick.netfilter\" and team \"TEAM123456\"");
@@ -110,15 +97,18 @@ TEST_F(ExtensionTest, StartPinsThePeerSaysHelloAndAsksByTokenEachTick) {
     auto& calls = link->connection->calls;
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].method, "helloWithReply:");
+    // A hello that does not decode is told to developers only.
+    calls[0].reply("{}");
+    EXPECT_TRUE(capture.contains("network", "Network filter: hello was not understood"));
+    EXPECT_TRUE(notes().empty());
     calls[0].reply(R"({"protocolVersion":1,"build":"42","shortVersion":"1.3"})");
-    EXPECT_EQ(notesOf(*log), (std::vector<std::string>{"[netfilter] connected to 1.3 (42), protocol 1"}));
+    EXPECT_EQ(notes(), (std::vector<std::string>{"[netfilter] connected to 1.3 (42), protocol 1"}));
 
     scheduler.advance(2);
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].method, "flowsSinceToken:reply:");
     EXPECT_EQ(calls[1].argument, 0);
-    NetFilterReply::Flows reply{{wire(1, "1.1.1.1", now(), 5)}, 6, false};
-    calls[1].reply(NetFilterReply::encode(reply));
+    calls[1].reply(reply({{wire(1, "1.1.1.1", now(), 5)}, 6, false}));
     scheduler.runUntilIdle();
     EXPECT_EQ(source->token(), 6);
     ASSERT_EQ(batches.size(), 1u);
@@ -127,49 +117,40 @@ TEST_F(ExtensionTest, StartPinsThePeerSaysHelloAndAsksByTokenEachTick) {
     EXPECT_EQ(calls.back().argument, 6);
 }
 
-TEST_F(ExtensionTest, AHelloThatDoesNotDecodeIsLoggedForDevelopersOnly) {
-    LogCapture capture;
-    source->start();
-    link->connection->calls[0].reply("{}");
-    EXPECT_TRUE(capture.contains("network", "Network filter: hello was not understood"));
-    EXPECT_TRUE(notesOf(*log).empty());
-}
-
 TEST_F(ExtensionTest, UndecodableRepliesAndSmallerTokensLeaveTheTokenAlone) {
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{}, 10, false}));
+    source->merge(reply({{}, 10, false}));
     EXPECT_EQ(source->token(), 10);
     source->merge("not json at all");
     source->merge(R"({"flows":[],"token":99})");
     EXPECT_EQ(source->token(), 10);
     EXPECT_EQ(batches.size(), 1u);
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{wire(1, "1.1.1.1", now(), 3)}, 4, false}));
+    source->merge(reply({{wire(1, "1.1.1.1", now(), 3)}, 4, false}));
     EXPECT_EQ(source->token(), 10);
     ASSERT_EQ(batches.size(), 2u);
     EXPECT_EQ(batches[1].size(), 1u);
 }
 
 TEST_F(ExtensionTest, DroppedOlderIsNotedOncePerReplyAndItsFlowsStillCount) {
-    source->merge(NetFilterReply::encode(
-        NetFilterReply::Flows{{wire(1, "1.1.1.1", now(), 1), wire(2, "2.2.2.2", now(), 2)}, 3, true}));
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{}, 3, true}));
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{}, 3, false}));
-    EXPECT_EQ(notesOf(*log), (std::vector<std::string>{"[netfilter] the filter dropped flows before they were read",
+    source->merge(reply({{wire(1, "1.1.1.1", now(), 1), wire(2, "2.2.2.2", now(), 2)}, 3, true}));
+    source->merge(reply({{}, 3, true}));
+    source->merge(reply({{}, 3, false}));
+    EXPECT_EQ(notes(), (std::vector<std::string>{"[netfilter] the filter dropped flows before they were read",
                                                        "[netfilter] the filter dropped flows before they were read"}));
     EXPECT_EQ(batches.at(0).size(), 2u);
 }
 
 TEST_F(ExtensionTest, FlowsNotSeenForHalfAMinuteArePruned) {
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{wire(1, "1.1.1.1", now(), 1)}, 1, false}));
+    source->merge(reply({{wire(1, "1.1.1.1", now(), 1)}, 1, false}));
     scheduler.advance(30);
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{wire(2, "2.2.2.2", now(), 2)}, 2, false}));
+    source->merge(reply({{wire(2, "2.2.2.2", now(), 2)}, 2, false}));
     EXPECT_EQ(batches.back().size(), 2u);
     scheduler.advance(0.5);
-    source->merge(NetFilterReply::encode(NetFilterReply::Flows{{}, 2, false}));
+    source->merge(reply({{}, 2, false}));
     ASSERT_EQ(batches.back().size(), 1u);
     EXPECT_EQ(batches.back()[0].remote.address, "2.2.2.2");
 }
 
-TEST_F(ExtensionTest, ALostConnectionIsDroppedAndTicksAskNothing) {
+TEST_F(ExtensionTest, ALostConnectionIsDroppedAndStopInvalidatesTheConnection) {
     LogCapture capture;
     source->start();
     link->onGone();
@@ -179,9 +160,9 @@ TEST_F(ExtensionTest, ALostConnectionIsDroppedAndTicksAskNothing) {
     EXPECT_EQ(link->connection->calls.size(), 1u);
     source->stop();
     EXPECT_FALSE(source->isRunning());
-}
 
-TEST_F(ExtensionTest, StopInvalidatesTheConnection) {
+    // Connected again, then stopped: the connection is closed and ticks ask nothing.
+    link->connection = std::make_shared<FakeConnection>();
     source->start();
     source->stop();
     EXPECT_TRUE(link->connection->invalidated);

@@ -1,8 +1,6 @@
-#include "CoreKit/ManualScheduler.h"
 #include "NetKit/FilterController.h"
 #include "NetFakes.h"
 #include "Support/LogCapture.h"
-#include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
 
@@ -32,10 +30,7 @@ struct FakeFilterSystem : FilterSystem {
 
 using Kind = FilterController::State::Kind;
 
-struct FilterTest : ::testing::Test {
-    TempDir root;
-    ManualScheduler scheduler;
-    std::shared_ptr<DiagnosticLog> log = DiagnosticLog::make(root / "logs", scheduler);
+struct FilterTest : LoggedTest {
     std::shared_ptr<FakeFilterSystem> system = std::make_shared<FakeFilterSystem>();
     std::unique_ptr<FilterController> make() { return std::make_unique<FilterController>(system, log.get()); }
 };
@@ -60,7 +55,7 @@ TEST_F(FilterTest, OnLinuxThereIsNoFilterAndTheControllerSaysSo) {
     EXPECT_EQ(filter.refusal().get()->detail, "This copy of Tavrick does not contain the network filter.");
     EXPECT_TRUE(capture.contains("network", "Network filter refused at no extension in this copy: This copy of Tavrick "
                                             "does not contain the network filter."));
-    EXPECT_EQ(notesOf(*log), (std::vector<std::string>{"[netfilter] refused no extension in this copy"}));
+    EXPECT_EQ(notes(), (std::vector<std::string>{"[netfilter] refused no extension in this copy"}));
 }
 
 TEST_F(FilterTest, OutsideApplicationsByPathPrefix) {
@@ -92,7 +87,7 @@ TEST_F(FilterTest, InstallAsksForApprovalThenEnablesTheFilter) {
     filter->requestDidFinish(FilterController::RequestResult::completed);
     EXPECT_EQ(filter->state().get().kind, Kind::ready);
     EXPECT_EQ(filter->state().get().title(), "Watching every connection on this Mac");
-    EXPECT_EQ(notesOf(*log), (std::vector<std::string>{"[netfilter] activation requested",
+    EXPECT_EQ(notes(), (std::vector<std::string>{"[netfilter] activation requested",
                                                        "[netfilter] waiting for approval in System Settings",
                                                        "[netfilter] extension installed"}));
 }
@@ -138,23 +133,19 @@ TEST_F(FilterTest, RequestOutcomesAndErrorCodes) {
         EXPECT_EQ(filter->state().get(), FilterController::State::failed(text)) << code;
         EXPECT_EQ(filter->refusal().get()->step, FilterController::RefusalStep::request);
     }
-    EXPECT_EQ(notesOf(*log).back(), "[netfilter] refused the activation request");
+    EXPECT_EQ(notes().back(), "[netfilter] refused the activation request");
 }
 
-TEST_F(FilterTest, AFailingConfigurationIsRefusedAtThatStep) {
+TEST_F(FilterTest, AFailingConfigurationIsRefusedAtThatStepAndRemoveRefreshes) {
     system->saveError = "The configuration is invalid.";
     auto filter = make();
     filter->requestDidFinish(FilterController::RequestResult::completed);
     EXPECT_EQ(filter->state().get(), FilterController::State::failed("The configuration is invalid."));
     EXPECT_EQ(filter->refusal().get()->step, FilterController::RefusalStep::configuration);
-}
-
-TEST_F(FilterTest, RemoveRequestsDeactivationAndRefreshes) {
     system->preferences = {true, true};
-    auto filter = make();
     filter->remove();
-    EXPECT_EQ(system->requests, (std::vector<std::string>{"deactivate com.orvell.tavrick.netfilter"}));
-    EXPECT_EQ(notesOf(*log), (std::vector<std::string>{"[netfilter] deactivation requested"}));
+    EXPECT_EQ(system->requests, (std::vector<std::string>{"enable", "deactivate com.orvell.tavrick.netfilter"}));
+    EXPECT_EQ(notes().back(), "[netfilter] deactivation requested");
     EXPECT_EQ(filter->state().get().kind, Kind::ready);
 }
 

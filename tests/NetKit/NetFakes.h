@@ -1,8 +1,10 @@
 #pragma once
 
 #include "CoreKit/DiagnosticLog.h"
+#include "CoreKit/ManualScheduler.h"
 #include "NetCore/Flow.h"
 #include "NetCore/SocketTable.h"
+#include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
 
@@ -13,14 +15,21 @@
 
 namespace tavrick::testing {
 
-// The user's log without its stamps.
-inline std::vector<std::string> notesOf(DiagnosticLog& log) {
-    log.flush();
-    std::vector<std::string> lines;
-    std::istringstream in(log.contents());
-    for (std::string line; std::getline(in, line);) lines.push_back(line.size() > 24 ? line.substr(24) : line);
-    return lines;
-}
+// A test on virtual time with the user's log in a folder of its own.
+struct LoggedTest : ::testing::Test {
+    TempDir root;
+    ManualScheduler scheduler;
+    std::shared_ptr<DiagnosticLog> log = DiagnosticLog::make(root / "logs", scheduler);
+    double now() { return scheduler.clock().now(); }
+    // The user's log without its stamps.
+    std::vector<std::string> notes() {
+        log->flush();
+        std::vector<std::string> lines;
+        std::istringstream in(log->contents());
+        for (std::string line; std::getline(in, line);) lines.push_back(line.size() > 24 ? line.substr(24) : line);
+        return lines;
+    }
+};
 
 // A source the test drives: it records its life and hands over the batches it is given.
 class FakeFlowSource final : public FlowSource {
@@ -57,15 +66,8 @@ private:
 
 inline Flow makeFlow(std::int32_t pid, const std::string& path, const std::string& name, const std::string& host,
                      std::uint16_t localPort = 50000, double startedAt = 1000) {
-    Flow f;
-    f.pid = pid;
-    f.processStartedAt = startedAt;
-    f.name = name;
-    f.executablePath = path;
-    f.local = {"127.0.0.1", localPort, false};
-    f.remote = {host, 443, false};
-    f.state = FlowState::established;
-    return f;
+    return {.pid = pid, .processStartedAt = startedAt, .name = name, .executablePath = path,
+            .local = {"127.0.0.1", localPort, false}, .remote = {host, 443, false}};
 }
 
 } // namespace tavrick::testing

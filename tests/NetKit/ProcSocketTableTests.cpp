@@ -108,53 +108,46 @@ TEST(ProcSocketTable, AScanMatchesDescriptorsToSocketsByInode) {
               std::vector<std::string>{"listening 127.0.0.1:8080 → :0"});
 }
 
-TEST(ProcSocketTable, ExcludedAndOtherUsersProcessesAreLeftOut) {
+TEST(ProcSocketTable, ExcludedAndOtherUsersProcessesMissingTablesAndAMissingProcGiveNothing) {
     FakeProc proc;
     EXPECT_TRUE(proc.table().scan(100, flows).empty());
     auto others = proc.table(getuid() + 1);
     EXPECT_TRUE(others.scan(std::nullopt, flows).empty());
     EXPECT_EQ(others.visibility(), (SocketTable::Visibility{0, 3, 0}));
     EXPECT_EQ(proc.table().visibility(), (SocketTable::Visibility{3, 0, 0}));
-}
-
-TEST(ProcSocketTable, MissingTablesAndAMissingProcGiveNothing) {
-    FakeProc proc;
-    fs::remove_all(proc.root / "net");
-    EXPECT_TRUE(proc.table().scan(std::nullopt, flows).empty());
     ProcSocketTable nowhere({.procRoot = proc.root / "absent", .tables = ProcSocketTable::Tables::procText});
     EXPECT_TRUE(nowhere.scan(std::nullopt, flows).empty());
     EXPECT_EQ(nowhere.visibility(), SocketTable::Visibility{});
+    fs::remove_all(proc.root / "net");
+    EXPECT_TRUE(proc.table().scan(std::nullopt, flows).empty());
 }
 
 namespace {
 
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
 // Real sockets of this process: a listener, a connection to it, a connected and an unconnected
 // datagram socket.
 struct RealSockets {
-    int listener = -1, client = -1, server = -1, udpConnected = -1, udpLoose = -1;
-    std::uint16_t port = 0, udpPort = 0;
+    int listener = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0), server = -1;
+    int udpConnected = socket(AF_INET, SOCK_DGRAM, 0), udpLoose = socket(AF_INET, SOCK_DGRAM, 0);
+    std::uint16_t port = 0;
     RealSockets() {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback(0), peer = loopback(9), any{};
         socklen_t length = sizeof address;
-        listener = socket(AF_INET, SOCK_STREAM, 0);
-        bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        bind(listener, reinterpret_cast<sockaddr*>(&address), length);
         listen(listener, 4);
         getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
         port = ntohs(address.sin_port);
-        client = socket(AF_INET, SOCK_STREAM, 0);
-        connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        connect(client, reinterpret_cast<sockaddr*>(&address), length);
         server = accept(listener, nullptr, nullptr);
-
-        sockaddr_in peer{};
-        peer.sin_family = AF_INET;
-        peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        peer.sin_port = htons(9);
-        udpConnected = socket(AF_INET, SOCK_DGRAM, 0);
         connect(udpConnected, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
-        udpLoose = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in any{};
         any.sin_family = AF_INET;
         bind(udpLoose, reinterpret_cast<sockaddr*>(&any), sizeof any);
     }
@@ -163,6 +156,12 @@ struct RealSockets {
     }
 };
 
+// This process as a scan saw it.
+std::optional<SocketTable::Process> self(const std::vector<SocketTable::Scanned>& scanned) {
+    auto it = std::find_if(scanned.begin(), scanned.end(), [](auto& s) { return s.process.pid == getpid(); });
+    return it == scanned.end() ? std::nullopt : std::optional(it->process);
+}
+
 } // namespace
 
 TEST(ProcSocketTable, ThisProcessesRealSocketsReadTheSameThroughBothTables) {
@@ -170,34 +169,27 @@ TEST(ProcSocketTable, ThisProcessesRealSocketsReadTheSameThroughBothTables) {
     ASSERT_GE(real.server, 0);
     const std::string p = std::to_string(real.port);
     for (auto tables : {ProcSocketTable::Tables::procText, ProcSocketTable::Tables::sockDiag}) {
+        SCOPED_TRACE(tables == ProcSocketTable::Tables::sockDiag ? "sock_diag" : "/proc/net");
         ProcSocketTable table({.tables = tables});
         auto mine = describe(table.sockets(getpid(), everything));
-        auto has = [&](const std::string& prefix) {
-            return std::any_of(mine.begin(), mine.end(), [&](auto& line) { return line.rfind(prefix, 0) == 0; });
+        auto count = [&](const std::string& prefix, const std::string& suffix = "") {
+            return std::count_if(mine.begin(), mine.end(), [&](auto& l) { return l.starts_with(prefix) && l.ends_with(suffix); });
         };
-        const bool sockDiag = tables == ProcSocketTable::Tables::sockDiag;
-        EXPECT_TRUE(has("listening 127.0.0.1:" + p + " → :0")) << sockDiag;
-        EXPECT_TRUE(has("established 127.0.0.1:" + p + " → 127.0.0.1:")) << sockDiag;
-        EXPECT_TRUE(std::any_of(mine.begin(), mine.end(), [&](auto& l) {
-            return l.rfind("established", 0) == 0 && l.ends_with("→ 127.0.0.1:" + p);
-        })) << sockDiag;
-        EXPECT_TRUE(std::any_of(mine.begin(), mine.end(), [](auto& l) {
-            return l.rfind("datagram", 0) == 0 && l.ends_with("→ 127.0.0.1:9");
-        })) << sockDiag;
+        EXPECT_EQ(count("listening 127.0.0.1:" + p + " → :0"), 1);
+        EXPECT_EQ(count("established 127.0.0.1:" + p + " → 127.0.0.1:"), 1);
+        EXPECT_EQ(count("established", "→ 127.0.0.1:" + p), 1);
         // The unconnected datagram socket says nothing.
-        EXPECT_EQ(std::count_if(mine.begin(), mine.end(), [](auto& l) { return l.rfind("datagram", 0) == 0; }), 1);
+        EXPECT_EQ(count("datagram"), 1);
+        EXPECT_EQ(count("datagram", "→ 127.0.0.1:9"), 1);
 
-        auto scanned = table.scan(std::nullopt, flows);
-        auto self = std::find_if(scanned.begin(), scanned.end(), [](auto& s) { return s.process.pid == getpid(); });
-        ASSERT_NE(self, scanned.end()) << sockDiag;
-        EXPECT_FALSE(self->process.executablePath.empty());
-        EXPECT_LT(std::fabs(self->process.startedAt - static_cast<double>(time(nullptr))), 86400.0);
+        auto first = self(table.scan(std::nullopt, flows));
+        ASSERT_TRUE(first);
+        EXPECT_FALSE(first->executablePath.empty());
+        EXPECT_LT(std::fabs(first->startedAt - static_cast<double>(time(nullptr))), 86400.0);
         // The start time does not drift between scans.
-        auto again = table.scan(std::nullopt, flows);
-        auto selfAgain = std::find_if(again.begin(), again.end(), [](auto& s) { return s.process.pid == getpid(); });
-        ASSERT_NE(selfAgain, again.end());
-        EXPECT_EQ(selfAgain->process.startedAt, self->process.startedAt);
-        auto excluding = table.scan(getpid(), flows);
-        EXPECT_TRUE(std::none_of(excluding.begin(), excluding.end(), [](auto& s) { return s.process.pid == getpid(); }));
+        auto again = self(table.scan(std::nullopt, flows));
+        ASSERT_TRUE(again);
+        EXPECT_EQ(again->startedAt, first->startedAt);
+        EXPECT_FALSE(self(table.scan(getpid(), flows)));
     }
 }

@@ -1,19 +1,13 @@
-#include "CoreKit/ManualScheduler.h"
 #include "NetKit/SeenFile.h"
 #include "NetFakes.h"
-#include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 using namespace tavrick;
 using namespace tavrick::testing;
 
 namespace {
-struct SeenFileTest : ::testing::Test {
-    TempDir root;
-    ManualScheduler scheduler;
-    std::shared_ptr<DiagnosticLog> log = DiagnosticLog::make(root / "logs", scheduler);
+struct SeenFileTest : LoggedTest {
     SeenFile file{root / "network-seen.json", log.get(), [] { return 1780000000.7; }};
 
     std::vector<std::string> entries() {
@@ -31,7 +25,7 @@ TEST_F(SeenFileTest, NoFileIsAnEmptyStoreAndMovesNothing) {
     auto store = file.load();
     EXPECT_EQ(store.appCount(), 0u);
     EXPECT_TRUE(entries().empty());
-    EXPECT_TRUE(notesOf(*log).empty());
+    EXPECT_TRUE(notes().empty());
 }
 
 TEST_F(SeenFileTest, SaveThenLoadGivesTheSameStoreAndTheFileIsPrivate) {
@@ -40,9 +34,6 @@ TEST_F(SeenFileTest, SaveThenLoadGivesTheSameStoreAndTheFileIsPrivate) {
     store.record("1.1.1.1", AppKey{"/opt/x", "x"}, 1700000001.5);
     ASSERT_TRUE(file.save(store));
     EXPECT_EQ(file.load(), store);
-    auto json = nlohmann::json::parse(readFile(file.url));
-    EXPECT_EQ(json["version"], 1);
-    EXPECT_EQ(json["apps"]["/usr/bin/curl"]["hosts"][0].get<std::uint64_t>(), 0xa379a6f6eeafb9a5ULL);
     // The file tells no host names.
     EXPECT_EQ(readFile(file.url).find("example.com"), std::string::npos);
     auto perms = std::filesystem::status(file.url).permissions();
@@ -68,10 +59,10 @@ TEST_F(SeenFileTest, AnUnreadableFileIsMovedAsideWithItsContentsAndTheReason) {
     }
     EXPECT_EQ(entries(), (std::vector<std::string>{"network-seen.corrupt-1780000000", "network-seen.corrupt-1780000000-2",
                                                    "network-seen.corrupt-1780000000-3"}));
-    auto notes = notesOf(*log);
-    ASSERT_EQ(notes.size(), 3u);
-    for (const auto& note : notes) EXPECT_EQ(note.rfind("[network] seen file unreadable, moved aside: ", 0), 0u) << note;
-    EXPECT_NE(notes[2].find("version"), std::string::npos);
+    auto lines = notes();
+    ASSERT_EQ(lines.size(), 3u);
+    for (const auto& note : lines) EXPECT_TRUE(note.starts_with("[network] seen file unreadable, moved aside: ")) << note;
+    EXPECT_NE(lines[2].find("version"), std::string::npos);
 }
 
 TEST_F(SeenFileTest, AFailedSaveIsLoggedAndLeavesTheOldFile) {
@@ -82,7 +73,7 @@ TEST_F(SeenFileTest, AFailedSaveIsLoggedAndLeavesTheOldFile) {
     writeFile(file.url / "keep", "mine");
     EXPECT_FALSE(file.save(store));
     EXPECT_EQ(readFile(file.url / "keep"), "mine");
-    auto notes = notesOf(*log);
-    ASSERT_EQ(notes.size(), 1u);
-    EXPECT_EQ(notes[0].rfind("[network] could not save: ", 0), 0u) << notes[0];
+    auto lines = notes();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].starts_with("[network] could not save: ")) << lines[0];
 }

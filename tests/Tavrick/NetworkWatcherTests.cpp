@@ -4,45 +4,17 @@
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/Toast.h"
+#include "NetKit/NetFakes.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 using namespace tavrick;
 using namespace tavrick::testing;
 
 namespace {
-
-// A socket table the test fills; the coordinator's watcher reads it through its factory.
-class ScriptedSource final : public FlowSource {
-public:
-    explicit ScriptedSource(int seconds) : seconds_(seconds) {}
-    void start() override { running = true; }
-    void stop() override { running = false; }
-    bool isRunning() const override { return running; }
-    FlowScope scope() const override { return FlowScope::ownUserPolled(seconds_); }
-    void setOnFlows(FlowsCallback callback) override { onFlows = std::move(callback); }
-    bool running = false;
-    FlowsCallback onFlows;
-
-private:
-    int seconds_;
-};
-
-Flow connection(const std::string& path, const std::string& host, std::uint16_t localPort) {
-    Flow flow;
-    flow.pid = 4321;
-    flow.processStartedAt = 1763000000;
-    flow.name = "probe";
-    flow.executablePath = path;
-    flow.local = {"127.0.0.1", localPort, false};
-    flow.remote = {host, 8080, false};
-    return flow;
-}
 
 struct NetworkWatcherTest : ::testing::Test {
     TempDir root;
@@ -56,13 +28,14 @@ struct NetworkWatcherTest : ::testing::Test {
     struct Notifications : UserNotificationCenter {
         std::vector<std::string> added;
         void requestAuthorization(int, AuthorizationReply reply) override { reply(true, std::nullopt); }
-        void add(const std::string& identifier, const std::string& title, const std::string& body) override {
-            added.push_back(identifier + " | " + title + " | " + body);
+        void add(const std::string& id, const std::string& title, const std::string& body) override {
+            added.push_back(id + " | " + title + " | " + body);
         }
     } notifications;
     std::shared_ptr<DiagnosticLog> log;
-    std::vector<std::shared_ptr<ScriptedSource>> sources;
+    std::vector<std::shared_ptr<FakeFlowSource>> sources;
     std::shared_ptr<AppCoordinator> coordinator;
+    const std::filesystem::path seenFile = root / "support" / "network-seen.json";
 
     void SetUp() override {
         installTestPlatform(root.path());
@@ -76,8 +49,7 @@ struct NetworkWatcherTest : ::testing::Test {
     AppCoordinator& make() {
         NetworkPorts network;
         network.makeSource = [this](int seconds) -> std::shared_ptr<FlowSource> {
-            sources.push_back(std::make_shared<ScriptedSource>(seconds));
-            return sources.back();
+            return sources.emplace_back(std::make_shared<FakeFlowSource>(FlowScope::ownUserPolled(seconds)));
         };
         network.supportDirectory = root / "support";
         coordinator = AppCoordinator::make(AppEnvironment{
@@ -115,8 +87,11 @@ struct NetworkWatcherTest : ::testing::Test {
     }
     void deliver(const std::vector<Flow>& flows) {
         ASSERT_FALSE(sources.empty());
-        sources.back()->onFlows(flows);
+        sources.back()->deliver(flows);
         scheduler.runUntilIdle();
+    }
+    Flow probe(const std::string& host, std::uint16_t port) {
+        return makeFlow(4321, "/opt/probe/bin/probe", "probe", host, port, 1763000000);
     }
     double now() { return scheduler.clock().now(); }
 };
@@ -126,7 +101,7 @@ struct NetworkWatcherTest : ::testing::Test {
 TEST_F(NetworkWatcherTest, OffByDefaultNothingIsRead) {
     make().start();
     EXPECT_TRUE(sources.empty());
-    EXPECT_FALSE(std::filesystem::exists(root / "support" / "network-seen.json"));
+    EXPECT_FALSE(std::filesystem::exists(seenFile));
     EXPECT_EQ(defaults.object("networkLearningStartedAt"), std::nullopt);
 }
 
@@ -136,13 +111,13 @@ TEST_F(NetworkWatcherTest, ANewProgramAfterLearningIsOneNotificationThatARestart
     defaults.set("networkSampleSeconds", 5);
     make().start();
     ASSERT_EQ(sources.size(), 1u);
-    EXPECT_TRUE(sources[0]->running);
+    EXPECT_TRUE(sources[0]->isRunning());
     EXPECT_EQ(coordinator->flows().scope().get(), FlowScope::ownUserPolled(5));
     EXPECT_EQ(coordinator->filter().state().get().kind, FilterController::State::Kind::notInBundle);
 
-    deliver({connection("/opt/probe/bin/probe", "127.0.0.1", 40001)});
+    deliver({probe("127.0.0.1", 40001)});
     scheduler.advance(5);
-    deliver({connection("/opt/probe/bin/probe", "127.0.0.1", 40001), connection("/opt/probe/bin/probe", "127.0.0.2", 40002)});
+    deliver({probe("127.0.0.1", 40001), probe("127.0.0.2", 40002)});
     EXPECT_TRUE(notifications.added.empty());
     scheduler.advance(55);
     deliver({});
@@ -151,30 +126,26 @@ TEST_F(NetworkWatcherTest, ANewProgramAfterLearningIsOneNotificationThatARestart
 
     // Turning the watcher off saves at once; a fresh coordinator over the same files is quiet.
     coordinator->setNetworkMonitor(false);
-    EXPECT_FALSE(sources[0]->running);
-    EXPECT_TRUE(std::filesystem::exists(root / "support" / "network-seen.json"));
+    EXPECT_FALSE(sources[0]->isRunning());
+    EXPECT_TRUE(std::filesystem::exists(seenFile));
     coordinator.reset();
-    sources.clear();
     notifications.added.clear();
-    defaults.set("networkMonitorEnabled", true);
     make().start();
-    deliver({connection("/opt/probe/bin/probe", "127.0.0.1", 40009)});
+    deliver({probe("127.0.0.1", 40009)});
     scheduler.advance(60);
     deliver({});
     EXPECT_TRUE(notifications.added.empty());
 }
 
-TEST_F(NetworkWatcherTest, EnablingStartsLearningOnceAndTheSettingsReachTheWatcher) {
+TEST_F(NetworkWatcherTest, EnablingBeforeTheDeferredStartWaitsForItAndLearningBeginsOnce) {
     auto& app = make();
-    app.start();
     app.setNetworkMonitor(true);
+    EXPECT_TRUE(sources.empty());
+    app.start();
     ASSERT_EQ(sources.size(), 1u);
-    const auto learning = defaults.object("networkLearningStartedAt");
-    ASSERT_TRUE(learning);
+    ASSERT_TRUE(defaults.object("networkLearningStartedAt"));
     EXPECT_EQ(app.settings().networkLearningStartedAt.get(), now());
     EXPECT_TRUE(app.flows().isLearning(now() + 899));
-    EXPECT_EQ(app.flows().watcherCount(), 1);
-    // Enabling again changes nothing.
     app.setNetworkMonitor(true);
     EXPECT_EQ(app.flows().watcherCount(), 1);
 
@@ -191,29 +162,19 @@ TEST_F(NetworkWatcherTest, EnablingStartsLearningOnceAndTheSettingsReachTheWatch
     app.setNetworkMonitor(false);
     EXPECT_EQ(app.flows().watcherCount(), 0);
     app.setNetworkMonitor(true);
-    // The learning period began once and is not begun again.
     EXPECT_EQ(app.settings().networkLearningStartedAt.get(), now() - 120);
 }
 
 TEST_F(NetworkWatcherTest, QuittingWritesWhatWasLearnedWithoutWaitingForTheDebounce) {
     defaults.set("networkMonitorEnabled", true);
     make().start();
-    deliver({connection("/opt/probe/bin/probe", "127.0.0.1", 40001)});
-    const auto file = root / "support" / "network-seen.json";
-    EXPECT_FALSE(std::filesystem::exists(file));
+    deliver({probe("127.0.0.1", 40001)});
+    EXPECT_FALSE(std::filesystem::exists(seenFile));
     workspace.post({WorkspaceEvent::willTerminate, std::nullopt});
-    ASSERT_TRUE(std::filesystem::exists(file));
-    EXPECT_NE(readFile(file).find("/opt/probe/bin/probe"), std::string::npos);
+    ASSERT_TRUE(std::filesystem::exists(seenFile));
+    EXPECT_NE(readFile(seenFile).find("/opt/probe/bin/probe"), std::string::npos);
     // Nothing is left pending: the debounce would write the same again.
-    const auto written = std::filesystem::last_write_time(file);
+    const auto written = std::filesystem::last_write_time(seenFile);
     scheduler.advance(30);
-    EXPECT_EQ(std::filesystem::last_write_time(file), written);
-}
-
-TEST_F(NetworkWatcherTest, ASettingChangedBeforeTheDeferredStartWaitsForIt) {
-    auto& app = make();
-    app.setNetworkMonitor(true);
-    EXPECT_TRUE(sources.empty());
-    app.start();
-    EXPECT_EQ(sources.size(), 1u);
+    EXPECT_EQ(std::filesystem::last_write_time(seenFile), written);
 }
