@@ -12,6 +12,8 @@
 #include "CoreKit/PreferenceStore.h"
 #include "CoreKit/UserNotifications.h"
 #include "CoreKit/WorkspaceNotifications.h"
+#include "FanKit/FanController.h"
+#include "FanKit/FanMonitor.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 
 #include <cstdint>
@@ -22,6 +24,17 @@
 #include <string>
 
 namespace tavrick {
+
+// What fan control stands on: the helper's installer and client, this copy's bundle, the
+// controller the helper writes (for the controller's own reads) and what the monitor reads.
+struct FanEnvironment {
+    FanHelperInstaller* installer = nullptr;
+    std::optional<FanHelperBundle> bundle;
+    std::function<std::shared_ptr<FanHelperService>()> makeClient;
+    SMCReader* controllerReader = nullptr;
+    SMCReader* monitorReader = nullptr;
+    ThermalSensors* monitorSensors = nullptr;
+};
 
 // What the coordinator is made over: the runtime, the host's services and where files live.
 struct AppEnvironment {
@@ -40,6 +53,8 @@ struct AppEnvironment {
     std::string version;
     std::string build;
     std::string operatingSystemVersion;
+    // Fan control; without it the fan actions say so in the log.
+    std::shared_ptr<FanEnvironment> fans;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -72,6 +87,11 @@ public:
     AppSettings& settings() { return *settings_; }
     HotkeyEngine& hotkeys() { return *hotkeys_; }
     ActionRunner& actions() { return *actions_; }
+    FanMonitor* fans() { return fans_.get(); }
+    FanController* fanControl() { return fanControl_.get(); }
+
+    // The user's fan choice, with a toast that says what happens.
+    void runFanPreset(FanPreset choice);
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -93,6 +113,9 @@ private:
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<ActionRunner> actions_;
+    std::unique_ptr<FanMonitor> fans_;
+    std::unique_ptr<FanController> fanControl_;
+    Observation fanStateNote_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;

@@ -187,6 +187,7 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::log: return printLogAndExit(context);
     case DiagnosticFlag::tapSelfTest: return runTapSelfTestAndExit(context);
     case DiagnosticFlag::tapProbe: return runTapProbeAndExit(context, command.seconds);
+    case DiagnosticFlag::fanProbe: return runFanProbeAndExit(context, command.boostSeconds, command.release);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

@@ -6,6 +6,7 @@
 #include "Tavrick/CommandLine.h"
 
 #include <filesystem>
+#include <optional>
 #include <ostream>
 
 namespace tavrick {
@@ -31,6 +32,9 @@ int printLogAndExit(Context& context);
 int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifiers);
 int runTapSelfTestAndExit(Context& context);
 int runTapProbeAndExit(Context& context, double seconds);
+// Reads the simulated fan controller and asks the real helper; with seconds it boosts to Max for
+// that long and hands back; with `release` it hands back every manual fan.
+int runFanProbeAndExit(Context& context, std::optional<double> boostSeconds, bool release);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

@@ -24,6 +24,7 @@
 #include "Tavrick/AppDelegate.h"
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
+#include "Tavrick/FanHost.h"
 
 #include <iostream>
 
@@ -103,6 +104,12 @@ int TavrickApp::main(int argc, char** argv) {
     SuspendWatcher suspendWatcher(workspace, scheduler);
     TerminalNotifications notifications;
 
+    // Fan control: the helper is started on demand, and the monitor reads hwmon where it can.
+    FanHost fanHost(supportDirectory(), Directories::current().preferences());
+    auto fanEnvironment = std::make_shared<FanEnvironment>(FanEnvironment{
+        &fanHost.launcher(), fanHost.bundle(), [&fanHost, &scheduler] { return fanHost.makeClient(scheduler); },
+        &fanHost.chipReader(), &fanHost.monitorReader(), &fanHost.monitorSensors()});
+
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
@@ -119,6 +126,7 @@ int TavrickApp::main(int argc, char** argv) {
         .version = AppInfo::version(),
         .build = AppInfo::build(),
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
+        .fans = fanEnvironment,
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
