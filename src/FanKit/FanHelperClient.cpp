@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 namespace tavrick {
@@ -82,6 +83,9 @@ FanHelperClient::~FanHelperClient() {
         connection = std::exchange(connection_, nullptr);
     }
     if (connection) detach(connection);
+    // The last reference can go on the client's own queue, in the middle of one of its calls;
+    // the queue is then let go from another thread, which waits for that call to end.
+    if (queue_ && queue_->isCurrent()) std::thread([queue = std::move(queue_)] {}).detach();
 }
 
 std::shared_ptr<FanHelperClient::Connection> FanHelperClient::currentConnection() {
