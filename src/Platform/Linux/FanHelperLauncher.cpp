@@ -48,11 +48,26 @@ HelperServiceStatus FanHelperLauncher::status() {
 }
 
 std::string FanHelperLauncher::unitText() const {
-    auto quoted = [](const std::filesystem::path& p) { return "\"" + p.string() + "\""; };
-    return "[Unit]\nDescription=Tavrick fan helper (" + std::string(FanHelperIdentity::label) +
-           ")\n\n[Service]\nExecStart=" + quoted(paths_.helperExecutable) + " --socket " + quoted(paths_.socket) +
-           " --smc " + quoted(paths_.smc) + " --journal " + quoted(paths_.journal) + " --allow-client " +
-           CodeIdentity::ownCDHash().value_or("") + "\nRestart=no\n\n[Install]\nWantedBy=default.target\n";
+    // Built by appending: GCC 12 warns falsely about chains of string additions in Release.
+    std::string text = "[Unit]\nDescription=Tavrick fan helper (";
+    text += FanHelperIdentity::label;
+    text += ")\n\n[Service]\nExecStart=";
+    auto quoted = [&text](const std::filesystem::path& p) {
+        text += '"';
+        text += p.string();
+        text += '"';
+    };
+    quoted(paths_.helperExecutable);
+    text += " --socket ";
+    quoted(paths_.socket);
+    text += " --smc ";
+    quoted(paths_.smc);
+    text += " --journal ";
+    quoted(paths_.journal);
+    text += " --allow-client ";
+    text += CodeIdentity::ownCDHash().value_or("");
+    text += "\nRestart=no\n\n[Install]\nWantedBy=default.target\n";
+    return text;
 }
 
 void FanHelperLauncher::registerHelper() {
