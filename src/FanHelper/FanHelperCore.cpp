@@ -51,40 +51,72 @@ std::optional<std::vector<int>> FanHelperCore::journalListing() const {
     return entry ? entry->fans : std::vector<int>{};
 }
 
+void FanHelperCore::write(SMCReader& reader, const FanLayout& layout, const FanWrite& w) {
+    reader.withConnection([&](SMCDriver& driver, std::uint32_t connection) {
+        SMCParamStruct input{};
+        std::string key;
+        std::vector<std::uint8_t> bytes;
+        SMCExpectation expected;
+        if (auto* t = std::get_if<FanWrite::Target>(&w.value)) {
+            key = FanKeys::target(t->fan);
+            bytes = SMCValue::encodeFloat(static_cast<float>(t->target.rpm));
+            expected = FanKeys::speedType();
+        } else {
+            auto& m = std::get<FanWrite::Mode>(w.value);
+            key = FanKeys::mode(m.fan, layout.modeKey.value_or(FanLayout::ModeKey::lowercase));
+            bytes = SMCValue::encode(static_cast<std::uint8_t>(m.mode));
+            expected = FanKeys::modeType();
+        }
+        const auto packed = *FourCC::pack(key);
+        // The key must be what we believe before anything is written to it.
+        auto info = reader.lockedKeyInfo(packed);
+        if (!expected.matches(info)) throw SMCError::unexpectedType(info.type);
+        input.key = packed;
+        input.keyInfoDataSize = static_cast<std::uint32_t>(bytes.size());
+        input.data8 = SimulatedSMC::writeKeyCommand;
+        std::memcpy(input.bytes, bytes.data(), bytes.size());
+        SMCParamStruct output{};
+        if (auto error = SMCError::fromKernReturn(driver.callStruct(connection, smcSelector, input, output))) throw *error;
+        if (auto error = SMCError::fromResult(output.result)) throw *error;
+    });
+}
+
 bool FanHelperCore::write(const FanWrite& w) {
     try {
-        env_.reader.withConnection([&](SMCDriver& driver, std::uint32_t connection) {
-            SMCParamStruct input{};
-            std::string key;
-            std::vector<std::uint8_t> bytes;
-            SMCExpectation expected;
-            if (auto* t = std::get_if<FanWrite::Target>(&w.value)) {
-                key = FanKeys::target(t->fan);
-                bytes = SMCValue::encodeFloat(static_cast<float>(t->target.rpm));
-                expected = FanKeys::speedType();
-            } else {
-                auto& m = std::get<FanWrite::Mode>(w.value);
-                key = FanKeys::mode(m.fan, layout_.modeKey.value_or(FanLayout::ModeKey::lowercase));
-                bytes = SMCValue::encode(static_cast<std::uint8_t>(m.mode));
-                expected = FanKeys::modeType();
-            }
-            const auto packed = *FourCC::pack(key);
-            // The key must be what we believe before anything is written to it.
-            auto info = env_.reader.lockedKeyInfo(packed);
-            if (!expected.matches(info)) throw SMCError::unexpectedType(info.type);
-            input.key = packed;
-            input.keyInfoDataSize = static_cast<std::uint32_t>(bytes.size());
-            input.data8 = SimulatedSMC::writeKeyCommand;
-            std::memcpy(input.bytes, bytes.data(), bytes.size());
-            SMCParamStruct output{};
-            if (auto error = SMCError::fromKernReturn(driver.callStruct(connection, smcSelector, input, output))) throw *error;
-            if (auto error = SMCError::fromResult(output.result)) throw *error;
-        });
+        write(env_.reader, layout_, w);
         return true;
     } catch (const SMCError& error) {
         note(std::string("a write to the fan controller failed: ") + error.what());
         return false;
     }
+}
+
+std::vector<int> FanHelperCore::emergencyHandBack(SMCReader& reader, const FanJournal& journal) {
+    std::vector<int> wrote;
+    try {
+        reader.open();
+        auto layout = FanKeys::discover(reader);
+        auto fans = FanKeys::readFans(reader, layout);
+        auto entry = journal.read();
+        for (const auto& f : fans) {
+            const bool ours = entry ? std::find(entry->fans.begin(), entry->fans.end(), f.index) != entry->fans.end() : f.mode == 1;
+            if (!ours) continue;
+            // No temperature can be trusted here, so the fan is left at its maximum.
+            if (auto limits = FanLimits::make(f)) {
+                try {
+                    write(reader, layout, FanWrite::target(f.index, FanTarget::maximum(*limits)));
+                } catch (const SMCError&) {
+                }
+            }
+            try {
+                write(reader, layout, FanWrite::mode(f.index, FanMode::automatic));
+                wrote.push_back(f.index);
+            } catch (const SMCError&) {
+            }
+        }
+    } catch (const SMCError&) {
+    }
+    return wrote;
 }
 
 void FanHelperCore::start(double now, double wall) {

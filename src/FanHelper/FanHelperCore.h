@@ -54,6 +54,11 @@ public:
     bool isControlling() const { return controlling_; }
     FanHelperReply::Status status() const;
 
+    // The watchdog's last resort, over a connection of its own: every fan the journal lists (or,
+    // without one, every fan in manual mode) is set to its maximum and given back to macOS.
+    // Returns the fans it wrote to.
+    static std::vector<int> emergencyHandBack(SMCReader& reader, const FanJournal& journal);
+
 private:
     struct Held {
         FanLimits limits;
@@ -69,6 +74,7 @@ private:
     void takeOver(double now, double wall);
     void control(double now, double wall);
     bool write(const FanWrite& write);
+    static void write(SMCReader& reader, const FanLayout& layout, const FanWrite& write);
     // Parks the fans on the curve and gives them back; false when a fan still reads manual.
     bool handBack(const std::vector<int>& fans, std::optional<FanReason> reason, double now, double wall);
     void end(std::optional<FanReason> reason, double now, double wall);

@@ -1,5 +1,7 @@
 #include "FanHelper/FanHelperServer.h"
 
+#include "FanHelper/FanWatchdog.h"
+
 #include "Platform/Linux/FanHelperSocket.h"
 #include "SigningCore/CodeIdentity.h"
 
@@ -7,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -61,6 +64,15 @@ int FanHelperServer::run(const std::atomic<bool>& stopRequested) {
     auto sendReply = [&](Client& client, std::uint64_t callID, std::optional<std::string> data, std::optional<std::string> word) {
         return FanHelperSocket::writeAll(client.fd, FanWire::frame(FanWire::encodeReply({callID, std::move(data), std::move(word)})));
     };
+
+    std::unique_ptr<FanWatchdog> watchdog;
+    if (options_.emergency) {
+        auto emergency = options_.emergency;
+        watchdog = std::make_unique<FanWatchdog>(FanPolicy::watchdogStall, FanPolicy::watchdogDeadline, [emergency] {
+            logLine("the control loop stalled; handing every fan back and ending");
+            emergency();
+        }, [] { ::_exit(70); });
+    }
 
     int status = 0;
     while (!stopRequested && !core_.wantsExit()) {
@@ -145,6 +157,11 @@ int FanHelperServer::run(const std::atomic<bool>& stopRequested) {
 
         if (monotonic() >= nextTick) {
             core_.tick(monotonic(), wall());
+            if (watchdog) {
+                watchdog->beat();
+                const auto s = core_.status();
+                watchdog->setArmed(s.controlling || s.safeHold);
+            }
             nextTick += FanPolicy::tickInterval;
             if (nextTick < monotonic()) nextTick = monotonic() + FanPolicy::tickInterval;
             if (core_.isIdle(monotonic(), static_cast<int>(clients.size())) &&

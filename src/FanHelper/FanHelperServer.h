@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -21,6 +22,9 @@ public:
         // hold one of the few places.
         double silentClientTimeout = 10.0;
         double idleExitAfter = FanPolicy::idleExitAfter;
+        // The watchdog's hand-back, over its own connection to the controller; none in tests
+        // that drive the server without one.
+        std::function<void()> emergency;
     };
 
     FanHelperServer(FanHelperCore& core, Options options);

@@ -64,6 +64,12 @@ int main(int argc, char** argv) {
         const double now = std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
         const double wall = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
         core.start(now, wall);
+        // The watchdog has its own connection to the controller, so a tick stuck in the main
+        // one does not hold it up.
+        SimulatedSMC watchdogChip(smc);
+        auto watchdogDriver = watchdogChip.driver();
+        SMCReader watchdogReader(*watchdogDriver);
+        options.emergency = [&watchdogReader, &journal] { FanHelperCore::emergencyHandBack(watchdogReader, journal); };
         FanHelperServer server(core, options);
         return server.run(stopRequested);
     } catch (const std::exception& error) {

@@ -222,3 +222,20 @@ TEST(FanHelperProcessTest, StoppingMidBoostHandsBackFirst) {
     EXPECT_TRUE(helper.handedBack());
     EXPECT_FALSE(std::filesystem::exists(helper.dir / "journal.json"));
 }
+
+TEST(FanHelperProcessTest, AClientCallingTooOftenIsToldSoAndStillServed) {
+    Helper helper;
+    helper.start();
+    Raw client(helper.socket);
+    int limited = 0, answered = 0;
+    for (std::uint64_t id = 1; id <= 30; ++id) client.call(FanHelperCall::hello, id);
+    for (int i = 0; i < 30; ++i) {
+        auto reply = client.next();
+        ASSERT_TRUE(reply);
+        if (reply->error == "rateLimited") ++limited;
+        if (reply->data) ++answered;
+    }
+    EXPECT_GE(answered, 20);  // the burst
+    EXPECT_GE(limited, 1);
+    EXPECT_EQ(answered + limited, 30);
+}
