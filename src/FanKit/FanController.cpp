@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <iterator>
 #include <ctime>
 #include <sstream>
 #include <utility>
@@ -633,15 +635,128 @@ void FanController::ensureCurrentHelper(std::function<void(bool)> next) {
                     } else if (std::get<Reply::Hello>(again).cdhash == bundled) {
                         helperVerified_ = true;
                         next(true);
-                    } else {
+                    } else if (reregisteredThisLaunch_) {
                         giveUp(RefusalStep::helperIdentity,
                                "The fan helper macOS starts belongs to another copy of Tavrick. Reinstall it from this one.");
                         next(false);
+                    } else {
+                        // Once: put this copy's helper in place and ask again.
+                        reinstall(true, [this, alive, bundled, next](bool reinstalled) {
+                            if (!alive.lock()) return;
+                            if (!reinstalled) {
+                                next(false);
+                                return;
+                            }
+                            connectedClient()->hello(FanHelperClient::respawnDeadline,
+                                                     [this, alive, bundled, next](FanHelperOutcome<Reply::Hello> last) {
+                                if (!alive.lock()) return;
+                                if (auto* h = std::get_if<Reply::Hello>(&last); h && h->cdhash == bundled) {
+                                    helperVerified_ = true;
+                                    next(true);
+                                    return;
+                                }
+                                giveUp(RefusalStep::reinstall, "The fan helper is still not this copy's after reinstalling it. "
+                                                               "Quit other copies of Tavrick, then reinstall it again.");
+                                next(false);
+                            });
+                        });
                     }
                 });
             });
         });
     });
+}
+
+void FanController::reinstallHelper() {
+    reinstall(true, [](bool) {});
+}
+
+void FanController::reinstall(bool verifyHandBack, std::function<void(bool)> next) {
+    std::weak_ptr<bool> alive = alive_;
+    auto leftInPlace = [this](const std::string& text) {
+        note("boost did not start — reinstall");
+        note("fan helper left in place — " + text);
+        lastRefusal_ = Refusal{RefusalStep::reinstall, text};
+        tell("The fan helper was left in place", text);
+    };
+    auto proceed = [this, alive, next] {
+        if (!alive.lock()) return;
+        dropClient();
+        env_.installer.unregister([this, alive, next](std::optional<std::string> error) {
+            if (!alive.lock()) return;
+            if (error) note("Unregistering the fan helper: " + *error);
+            registerAgain(0, next);
+        });
+    };
+    if (!verifyHandBack) {
+        proceed();
+        return;
+    }
+    auto client = connectedClient();
+    if (!client) {
+        proceed();
+        return;
+    }
+    client->status([this, alive, leftInPlace, proceed, next](FanHelperOutcome<Reply::Status> outcome) {
+        if (!alive.lock()) return;
+        if (failureOf(outcome)) {
+            leftInPlace("The fan helper did not say whether it had handed the fans back, so it was left in place.");
+            next(false);
+            return;
+        }
+        const auto& status = std::get<Reply::Status>(outcome);
+        if (owesHandBack(status)) {
+            leftInPlace(status.controlling
+                            ? "The fan helper is holding the fans, so it was left in place. Try again once it has handed them back."
+                            : "The fan helper still has fans in manual mode, so it was left in place. Hand them back first, then reinstall it.");
+            next(false);
+            return;
+        }
+        proceed();
+    });
+}
+
+void FanController::registerAgain(std::size_t attempt, std::function<void(bool)> next) {
+    std::optional<std::string> failure;
+    try {
+        env_.installer.registerHelper();
+    } catch (const std::exception& error) {
+        failure = *error.what() ? std::string(error.what()) : std::string("it did not say why.");
+    }
+    std::weak_ptr<bool> alive = alive_;
+    if (failure && attempt < std::size(reregisterRetries)) {
+        const double wait = reregisterRetries[attempt];
+        char line[256];
+        std::snprintf(line, sizeof line, "Registering the fan helper again in %f s: %s", wait, failure->c_str());
+        Log::core.notice("%s", line);
+        env_.scheduler.after(wait, [this, alive, attempt, next] {
+            if (alive.lock()) registerAgain(attempt + 1, next);
+        });
+        return;
+    }
+    reregisteredThisLaunch_ = true;
+    helperVerified_ = false;
+    reinstallReason_.reset();
+    if (failure) {
+        const std::string text = "macOS did not reinstall the fan helper: " + *failure;
+        lastRefusal_ = Refusal{RefusalStep::reinstall, text};
+        note("boost did not start — reinstall: " + text);
+        setState(currentState());
+        tell("The fan helper was not reinstalled", text);
+        next(false);
+        return;
+    }
+    const auto status = env_.installer.status();
+    note("reinstalled the fan helper — now " + title(state(status)));
+    if (status == HelperServiceStatus::requiresApproval) {
+        setState({Kind::needsApproval, {}});
+        tell("Allow Tavrick in Login Items", std::string("Boost starts as soon as the fan helper is allowed."));
+        awaitApproval(env_.scheduler.clock().monotonic());
+        next(false);
+        return;
+    }
+    setState(currentState());
+    next(status == HelperServiceStatus::enabled);
 }
 
 void FanController::refused(std::optional<FanReason> reason, const Reply::Status& status) {

@@ -28,6 +28,7 @@ public:
     static constexpr double idleDisconnect = 60.0;
     static constexpr double statusSettleInterval = 0.25;
     static constexpr int statusSettleReads = 8;
+    static constexpr double reregisterRetries[] = {0.5, 1.0, 2.0};
     static constexpr double statusSettleWindow = 2.0;
 
     struct State {
@@ -88,6 +89,8 @@ public:
     void refresh();
     void handBackFans();
     void handBackFansAnyway();
+    // Takes the helper out and puts this copy's in again, unless it still has fans to give back.
+    void reinstallHelper();
     // On quit: the helper hands back by itself once this client is gone.
     void dropClient();
 
@@ -116,6 +119,8 @@ private:
     void ensureCurrentHelper(std::function<void(bool)> next);
     void settledStatus(int readsLeft, std::function<void(HelperServiceStatus)> next);
     void awaitApproval(double startedAt);
+    void reinstall(bool verifyHandBack, std::function<void(bool)> next);
+    void registerAgain(std::size_t attempt, std::function<void(bool)> next);
     void apply(bool retried, Done done);
     void giveUp(RefusalStep step, const std::string& reason, const std::string& title = "Boost did not start");
     void refused(std::optional<FanReason> reason, const FanHelperReply::Status& status);
@@ -146,6 +151,7 @@ private:
     bool hasRequest_ = false;
     bool sawManualFan_ = false;
     bool registeredThisLaunch_ = false;
+    bool reregisteredThisLaunch_ = false;
     bool isUnsupported_ = false;
     std::optional<std::string> reinstallReason_;
     bool needsSync_ = false;

@@ -119,12 +119,22 @@ public:
     HelperServiceStatus current = HelperServiceStatus::notRegistered;
     HelperServiceStatus afterRegister = HelperServiceStatus::enabled;
     int registrations = 0;
+    int unregistrations = 0;
+    int failRegistrations = 0;
     HelperServiceStatus status() override { return current; }
     void registerHelper() override {
         ++registrations;
+        if (failRegistrations > 0) {
+            --failRegistrations;
+            throw std::runtime_error("The unit file could not be written.");
+        }
         current = afterRegister;
     }
-    void unregister(std::function<void(std::optional<std::string>)> done) override { done(std::nullopt); }
+    void unregister(std::function<void(std::optional<std::string>)> done) override {
+        ++unregistrations;
+        current = HelperServiceStatus::notRegistered;
+        done(std::nullopt);
+    }
     void openLoginItems() override {}
 };
 
@@ -354,4 +364,42 @@ TEST(FanControllerTest, HandBackAnyway) {
     EXPECT_EQ(rig.notices.back(), (std::pair<std::string, std::optional<std::string>>{
                                       "Fans back to automatic",
                                       "Tavrick handed the fans back to macOS. If another app is still running, it may set them again."}));
+}
+
+TEST(FanControllerTest, ReinstallingLeavesAHelperThatHoldsFansAndRetriesRegistering) {
+    {
+        Rig rig;
+        rig.installer.current = HelperServiceStatus::enabled;
+        rig.helper->statusAnswer = status(true, FanRequest::max(), std::nullopt, {1, 1}, std::vector<int>{0, 1});
+        rig.controller->reinstallHelper();
+        rig.settle(1);
+        EXPECT_EQ(rig.installer.unregistrations, 0);
+        EXPECT_EQ(rig.notices.back(), (std::pair<std::string, std::optional<std::string>>{
+                                          "The fan helper was left in place",
+                                          "The fan helper is holding the fans, so it was left in place. Try again once it has handed them back."}));
+    }
+    {
+        Rig rig;
+        rig.installer.current = HelperServiceStatus::enabled;
+        rig.installer.failRegistrations = 2;
+        rig.controller->reinstallHelper();
+        rig.settle(0.4);
+        EXPECT_EQ(rig.installer.registrations, 1);
+        rig.settle(0.2);
+        EXPECT_EQ(rig.installer.registrations, 2);  // 0.5 s after the first try
+        rig.settle(1.0);
+        EXPECT_EQ(rig.installer.registrations, 3);  // then 1.0 s
+        EXPECT_EQ(rig.installer.current, HelperServiceStatus::enabled);
+        EXPECT_TRUE(rig.notices.empty());
+        EXPECT_EQ(rig.controller->state().get().kind, Kind::ready);
+    }
+    {
+        Rig rig;
+        rig.installer.current = HelperServiceStatus::enabled;
+        rig.installer.failRegistrations = 4;
+        rig.controller->reinstallHelper();
+        rig.settle(5);
+        EXPECT_EQ(rig.installer.registrations, 4);  // the first, then one after each wait
+        EXPECT_EQ(rig.notices.back().second, "macOS did not reinstall the fan helper: The unit file could not be written.");
+    }
 }
