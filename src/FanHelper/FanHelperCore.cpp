@@ -353,8 +353,14 @@ void FanHelperCore::tick(double now, double wall) {
     }
     if (controlling_) {
         control(now, wall);
-    } else if (ownership_.effective() && (!lastModeSwitch_ || now - *lastModeSwitch_ >= FanPolicy::modeSwitchSpacing)) {
-        takeOver(now, wall);
+    } else if (ownership_.effective()) {
+        // After a wake the settle decides; otherwise the spacing between changes of hands.
+        const bool due = takeAgainAt_ ? now >= *takeAgainAt_
+                                      : (!lastModeSwitch_ || now - *lastModeSwitch_ >= FanPolicy::modeSwitchSpacing);
+        if (due) {
+            takeAgainAt_.reset();
+            takeOver(now, wall);
+        }
     }
 }
 
@@ -426,6 +432,14 @@ void FanHelperCore::clientLeft(ClientID client, double now, double wall) {
         note("the last client went; handing the fans back");
         end(std::nullopt, now, wall);
     }
+}
+
+void FanHelperCore::woke(double now, double wall) {
+    if (controlling_) {
+        note("the machine slept; the fans went back to macOS until it settles");
+        end(FanReason::sleeping, now, wall);
+    }
+    takeAgainAt_ = now + FanPolicy::wakeSettle;
 }
 
 void FanHelperCore::shutDown(double now, double wall) {

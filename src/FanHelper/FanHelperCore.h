@@ -44,6 +44,9 @@ public:
     // The reply's JSON to one call.
     std::string handle(ClientID client, const FanWire::Call& call, double now, double wall);
     void clientLeft(ClientID client, double now, double wall);
+    // The machine slept: what was held goes back with `sleeping`, every request stays, and the
+    // fans are taken again `wakeSettle` after now.
+    void woke(double now, double wall);
     // Told to stop: every fan goes back before the process ends.
     void shutDown(double now, double wall);
 
@@ -101,6 +104,7 @@ private:
     std::optional<FanReason> reason_;
     std::optional<FanRelease> lastRelease_;
     std::optional<double> lastModeSwitch_;
+    std::optional<double> takeAgainAt_;
     std::optional<double> lastSafeHoldTry_;
     double lastBusy_ = 0;
 };

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <ctime>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -23,6 +24,12 @@ double monotonic() {
 }
 double wall() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+// Time that passes while the machine sleeps counts on the boot clock and not on the monotonic one.
+double bootTime() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 void logLine(const std::string& line) { std::fprintf(stderr, "fanhelper: %s\n", line.c_str()); }
 
@@ -75,6 +82,8 @@ int FanHelperServer::run(const std::atomic<bool>& stopRequested) {
     }
 
     int status = 0;
+    double lastMonotonic = monotonic();
+    double lastBoot = bootTime();
     while (!stopRequested && !core_.wantsExit()) {
         std::vector<pollfd> fds{{*listener, POLLIN, 0}};
         std::vector<FanHelperCore::ClientID> order;
@@ -156,6 +165,14 @@ int FanHelperServer::run(const std::atomic<bool>& stopRequested) {
         for (auto id : silent) drop(id);
 
         if (monotonic() >= nextTick) {
+            const double boot = bootTime();
+            const double mono = monotonic();
+            if ((boot - lastBoot) - (mono - lastMonotonic) > 2.0) {
+                logLine("the machine slept");
+                core_.woke(mono, wall());
+            }
+            lastBoot = boot;
+            lastMonotonic = mono;
             core_.tick(monotonic(), wall());
             if (watchdog) {
                 watchdog->beat();

@@ -251,3 +251,23 @@ TEST(FanHelperCoreTest, HelloAndIdle) {
     EXPECT_TRUE(rig.core->isIdle(rig.now + 60, 0));
     EXPECT_FALSE(rig.core->isIdle(rig.now + 60, 1));
 }
+
+TEST(FanHelperCoreTest, AfterSleepTheFansGoBackAndAreTakenAgainOnceSettled) {
+    Rig rig;
+    ASSERT_TRUE(rig.apply(1, 0.5).accepted);
+    rig.tick(12);
+    rig.core->woke(rig.now, rig.wall);
+    EXPECT_TRUE(rig.handedBack());
+    auto status = rig.core->status();
+    EXPECT_EQ(status.reason, FanReason::sleeping);
+    EXPECT_EQ(status.request, (FanRequest{0.5, false}));  // the request stays
+    rig.tick(2);
+    EXPECT_FALSE(rig.core->isControlling());
+    rig.tick(1);
+    EXPECT_TRUE(rig.core->isControlling());  // three seconds after the wake
+    // Waking while idle takes nothing.
+    Rig idle;
+    idle.core->woke(idle.now, idle.wall);
+    idle.tick(5);
+    EXPECT_FALSE(idle.core->isControlling());
+}
