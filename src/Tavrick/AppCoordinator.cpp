@@ -8,6 +8,7 @@
 #include "Platform/Simulated/InMemoryPowerAssertions.h"
 #include "Platform/Simulated/SimulatedPasteboard.h"
 
+#include <algorithm>
 #include <cassert>
 
 namespace tavrick {
@@ -94,12 +95,37 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
           static_cast<int>(settings_->networkSampleSeconds.get()), settings_->networkLearningStartedAt,
           env_.network.makeSource)) {
     clipboard_->frontmostApplication = env_.frontmostApplication;
+    if (auto f = env_.fans) {
+        fans_ = std::make_unique<FanMonitor>(env_.scheduler, env_.log, *f->monitorReader, *f->monitorSensors);
+        SMCReader* reader = f->controllerReader;
+        auto readLayout = [reader]() -> std::optional<std::vector<FanReading>> {
+            try {
+                reader->open();
+                return FanKeys::readFans(*reader, FanKeys::discover(*reader));
+            } catch (const SMCError&) {
+                return std::nullopt;
+            }
+        };
+        fanControl_ = std::make_unique<FanController>(FanController::Environment{
+            env_.scheduler, env_.log, *f->installer, f->bundle, f->makeClient,
+            [readLayout]() -> std::optional<bool> {
+                auto fans = readLayout();
+                return fans ? std::optional<bool>(!fans->empty()) : std::nullopt;
+            },
+            [readLayout]() -> std::optional<bool> {
+                auto fans = readLayout();
+                if (!fans) return std::nullopt;
+                return std::any_of(fans->begin(), fans->end(), [](const FanReading& r) { return r.mode == 1; });
+            }});
+    }
 }
 
 AppCoordinator::~AppCoordinator() {
     launchAnnouncement_.cancel();
     everydayObservations_.clear();
     flows_->onAlert = nullptr;
+    // The helper hands the fans back by itself once this, its client, is gone.
+    if (fanControl_) fanControl_->dropClient();
     hotkeys_->setOnTrigger(nullptr);
     hotkeys_->stop();
     gestures_->setOnTrigger(nullptr);
@@ -121,6 +147,19 @@ void AppCoordinator::installClosures() {
         self->gestures_->update(mappings);
         self->mouseGestures_->update(mappings);
     };
+
+    actions_->onFans = [weak](FanPreset preset) {
+        if (auto self = weak.lock()) self->runFanPreset(preset);
+    };
+    if (fanControl_) {
+        fanControl_->onNotice = [](const std::string& title, const std::optional<std::string>& detail) {
+            Toast::shared().show(title, Toast::Kind::warning, detail);
+        };
+        DiagnosticLog* log = &env_.log;
+        fanStateNote_ = fanControl_->state().observe([log](const FanController::State& state) {
+            log->note("fans", "fan control — " + FanController::title(state));
+        });
+    }
 
     permissions_->onStateChange = [weak] {
         if (auto self = weak.lock()) self->permissionsDidChange();
@@ -507,6 +546,44 @@ void AppCoordinator::setEnabled(bool enabled) {
 void AppCoordinator::retryEngines() {
     stopEngines();
     if (isEnabled_.get()) startEngines();
+}
+
+void AppCoordinator::runFanPreset(FanPreset choice) {
+    if (!fanControl_) {
+        env_.log.note("fans", "fan control is not available in this build");
+        return;
+    }
+    auto& control = *fanControl_;
+    const FanPreset wanted = resolved(choice, control.preset().get(), control.lastBoost());
+    control.select(choice);
+    if (control.preset().get() != wanted) return;
+    using Kind = FanController::State::Kind;
+    const auto state = control.state().get();
+    if (wanted == FanPreset::automatic) {
+        if (state.kind == Kind::anotherAppControls || state.kind == Kind::safeHold) {
+            Toast::shared().show("Tavrick's boost is off", Toast::Kind::done, FanController::title(state));
+        } else if (state.kind == Kind::tavrickHoldsFans) {
+            Toast::shared().show("Handing the fans back", Toast::Kind::done, "They were left in manual mode by Tavrick's helper");
+        } else {
+            Toast::shared().show("Fans back to automatic", Toast::Kind::done, "macOS decides how fast they turn");
+        }
+        return;
+    }
+    const bool hasFans = fans_ && !fans_->isFanless();
+    if (!control.canBoost() || !hasFans ||
+        (state.kind != Kind::ready && state.kind != Kind::starting && state.kind != Kind::boosting)) {
+        return;
+    }
+    std::string detail;
+    if (wanted == FanPreset::max) {
+        detail = "Max runs every fan at its maximum";
+    } else {
+        const std::string share = wanted == FanPreset::boost25 ? "a quarter of the way" : "half way";
+        auto floors = FanFormat::floors(fans_->fans().get(), wanted);
+        detail = std::string(title(wanted)) + " holds each fan at least " + share + (floors ? " (" + *floors + ")" : "") +
+                 ", and faster when the chip is hot.";
+    }
+    Toast::shared().show("Asking for " + std::string(title(wanted)), Toast::Kind::done, detail);
 }
 
 std::optional<Permission> AppCoordinator::blockingPermission() const {

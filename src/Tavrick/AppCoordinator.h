@@ -22,6 +22,8 @@
 #include "CoreKit/Workspace.h"
 #include "CoreKit/WorkspaceNotifications.h"
 #include "GestureEngine/GestureEngine.h"
+#include "FanKit/FanController.h"
+#include "FanKit/FanMonitor.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 #include "MouseGestureKit/MouseGestureEngine.h"
 #include "NetKit/FilterController.h"
@@ -39,6 +41,17 @@
 #include <vector>
 
 namespace tavrick {
+
+// What fan control stands on: the helper's installer and client, this copy's bundle, the
+// controller the helper writes (for the controller's own reads) and what the monitor reads.
+struct FanEnvironment {
+    FanHelperInstaller* installer = nullptr;
+    std::optional<FanHelperBundle> bundle;
+    std::function<std::shared_ptr<FanHelperService>()> makeClient;
+    SMCReader* controllerReader = nullptr;
+    SMCReader* monitorReader = nullptr;
+    ThermalSensors* monitorSensors = nullptr;
+};
 
 // What the coordinator is made over: the runtime, the host's services and where files live.
 struct AppEnvironment {
@@ -76,15 +89,17 @@ struct AppEnvironment {
     std::optional<std::string> frontmostBundleID = std::nullopt;
     NetworkPorts network{};
     // Where the clipboard history and the note live; empty means the mappings file's folder.
-    std::filesystem::path supportDirectory;
+    std::filesystem::path supportDirectory = {};
     // The everyday services' platform; each one left empty gets the stand-in (a simulated
     // pasteboard, assertions held in memory, processes from /proc, no lid).
-    std::shared_ptr<Pasteboard> pasteboard;
-    std::shared_ptr<PowerAssertions> powerAssertions;
-    std::shared_ptr<ProcessWatcher> processes;
-    LidSensors lidSensors;
+    std::shared_ptr<Pasteboard> pasteboard = nullptr;
+    std::shared_ptr<PowerAssertions> powerAssertions = nullptr;
+    std::shared_ptr<ProcessWatcher> processes = nullptr;
+    LidSensors lidSensors = {};
     // Who is in front, for the clipboard's exclusions; unset means nobody known.
-    std::function<std::optional<ClipboardSourceApp>()> frontmostApplication;
+    std::function<std::optional<ClipboardSourceApp>()> frontmostApplication = {};
+    // Fan control; without it the fan actions say so in the log.
+    std::shared_ptr<FanEnvironment> fans = nullptr;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -148,6 +163,11 @@ public:
 
     // Opens the settings window; installed by the menu bar once it is up.
     std::function<void()> presentSettings;
+    FanMonitor* fans() { return fans_.get(); }
+    FanController* fanControl() { return fanControl_.get(); }
+
+    // The user's fan choice, with a toast that says what happens.
+    void runFanPreset(FanPreset choice);
 
     // Posts a notification when the user allows them; a later one with the same `replacing`
     // identifier takes the earlier one's place.
@@ -180,6 +200,7 @@ private:
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<FanMonitor> fans_;
     std::unique_ptr<FilterController> filter_;
     std::unique_ptr<PomodoroController> pomodoro_;
     std::unique_ptr<LoginItemController> loginItem_;
@@ -188,12 +209,14 @@ private:
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
     Keychain keychain_{env_.secrets};
+    std::unique_ptr<FanController> fanControl_;
     std::unique_ptr<ClipboardMonitor> clipboard_;
     std::shared_ptr<FlowMonitor> flows_;
     bool pomodoroHoldsAwake_ = false;
     // Set while the clipboard and its settings are being brought in line with each other.
     bool mirroringClipboard_ = false;
     std::vector<Observation> everydayObservations_;
+    Observation fanStateNote_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;

@@ -326,6 +326,7 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::mouseRecorderSelfTest: return runMouseRecorderSelfTestAndExit(context);
     case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
     case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
+    case DiagnosticFlag::fanProbe: return runFanProbeAndExit(context, command.boostSeconds, command.release);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

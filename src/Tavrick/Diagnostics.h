@@ -6,6 +6,7 @@
 #include "Tavrick/CommandLine.h"
 
 #include <filesystem>
+#include <optional>
 #include <ostream>
 
 namespace tavrick {
@@ -39,6 +40,9 @@ int postStrokeAndExit(Context& context, const std::string& strokes);
 // A right-button press at `from`, drags in `steps` even steps, and the release at `to`. False, and
 // nothing posted, when the events cannot be made.
 bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);
+// Reads the simulated fan controller and asks the real helper; with seconds it boosts to Max for
+// that long and hands back; with `release` it hands back every manual fan.
+int runFanProbeAndExit(Context& context, std::optional<double> boostSeconds, bool release);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

@@ -42,6 +42,7 @@
 #include "Tavrick/AppDelegate.h"
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
+#include "Tavrick/FanHost.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -176,6 +177,12 @@ int TavrickApp::main(int argc, char** argv) {
     std::string touchSourceDescription;
     auto touchSource = chooseTouchSource(log, touchSourceDescription);
 
+    // Fan control: the helper is started on demand, and the monitor reads hwmon where it can.
+    FanHost fanHost(supportDirectory(), Directories::current().preferences());
+    auto fanEnvironment = std::make_shared<FanEnvironment>(FanEnvironment{
+        &fanHost.launcher(), fanHost.bundle(), [&fanHost, &scheduler] { return fanHost.makeClient(scheduler); },
+        &fanHost.chipReader(), &fanHost.monitorReader(), &fanHost.monitorSensors()});
+
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
@@ -243,6 +250,7 @@ int TavrickApp::main(int argc, char** argv) {
             if (!front) return std::nullopt;
             return ClipboardSourceApp{front->bundleIdentifier.value_or(""), front->localizedName.value_or("")};
         },
+        .fans = fanEnvironment,
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"

@@ -10,11 +10,13 @@
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/TavrickApp.h"
+#include "Platform/Simulated/SimulatedSMC.h"
 #include "Support/LogCapture.h"
 #include "CoreKit/Appearance.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 using namespace tavrick;
@@ -100,6 +102,7 @@ protected:
             .processes = nullptr,
             .lidSensors = nullptr,
             .frontmostApplication = nullptr,
+            .fans = fanEnvironment,
         };
     }
 
@@ -151,6 +154,7 @@ protected:
     } notifications;
     std::shared_ptr<DiagnosticLog> log;
     std::shared_ptr<RecordingPresenter> presenter;
+    std::shared_ptr<FanEnvironment> fanEnvironment;
     std::shared_ptr<AppCoordinator> coordinator;
     PermissionState accessibility = PermissionState::granted;
     PermissionState inputMonitoring = PermissionState::granted;
@@ -474,4 +478,95 @@ TEST_F(CoordinatorTest, TheLoginItemAndTheKeychainAreTheCoordinators) {
     EXPECT_TRUE(coordinator->loginItem().state().get().isOn());
     EXPECT_TRUE(coordinator->keychain().set("sk-test", "anthropic-api-key"));
     EXPECT_EQ(secrets.copy("com.orvell.tavrick", "anthropic-api-key").data, "sk-test");
+namespace {
+
+struct EnabledInstaller : FanHelperInstaller {
+    HelperServiceStatus status() override { return HelperServiceStatus::enabled; }
+    void registerHelper() override {}
+    void unregister(std::function<void(std::optional<std::string>)> done) override { done(std::nullopt); }
+    void openLoginItems() override {}
+};
+
+// A helper that takes every boost and gives every fan back.
+struct AgreeableHelper : FanHelperService {
+    Scheduler& scheduler;
+    std::string hash;
+    std::vector<std::string> calls;
+    AgreeableHelper(Scheduler& s, std::string h) : scheduler(s), hash(std::move(h)) {}
+    static FanHelperReply::Status status(std::optional<FanRequest> request) {
+        FanHelperReply::Status s;
+        s.controlling = request.has_value();
+        s.state = request ? FanHelperReply::Status::State::boosting : FanHelperReply::Status::State::idle;
+        s.request = request;
+        s.fans = {{0, 3000, 1200, 6000, 3000, request ? std::optional<int>(1) : std::optional<int>(0)}};
+        s.setByTavrick = request ? std::vector<int>{0} : std::vector<int>{};
+        return s;
+    }
+    void hello(double, std::function<void(FanHelperOutcome<FanHelperReply::Hello>)> done) override {
+        calls.push_back("hello");
+        scheduler.async([done, h = hash] { done(FanHelperReply::Hello{1, h, "45"}); });
+    }
+    void status(std::function<void(FanHelperOutcome<FanHelperReply::Status>)> done) override {
+        scheduler.async([done] { done(status(FanRequest{0.5, false})); });
+    }
+    void apply(const FanRequest& r, std::function<void(FanHelperOutcome<FanHelperReply::ApplyResult>)> done) override {
+        calls.push_back("apply");
+        scheduler.async([done, r] { done(FanHelperReply::ApplyResult{true, std::nullopt, status(r)}); });
+    }
+    void handBack(std::function<void(FanHelperOutcome<FanHelperReply::Status>)> done) override {
+        calls.push_back("handBack");
+        scheduler.async([done] { done(status(std::nullopt)); });
+    }
+    void releaseFans(std::function<void(FanHelperOutcome<FanHelperReply::ReleaseResult>)>) override {}
+    void releaseUnrecordedFans(std::function<void(FanHelperOutcome<FanHelperReply::ReleaseResult>)>) override {}
+    void exitForUpdate(std::function<void(FanHelperOutcome<FanHelperReply::Status>)>) override {}
+    void invalidate() override { calls.push_back("invalidate"); }
+};
+
+} // namespace
+
+TEST_F(CoordinatorTest, AFanActionAsksTheHelperAndTheLogFollowsTheStates) {
+    SimulatedSMC chip(root / "smc");
+    chip.reset(2, 1200, 6000, 8);
+    auto driver = chip.driver();
+    auto source = chip.sensors();
+    SMCReader reader(*driver);
+    ThermalSensors sensors(*source);
+    EnabledInstaller installer;
+    writeFile(root / "helper", "helper bytes");
+    FanHelperBundle bundle{"req", (root / "helper").string(), "45"};
+    auto helper = std::make_shared<AgreeableHelper>(scheduler, *bundle.bundledHash());
+    fanEnvironment = std::make_shared<FanEnvironment>(
+        FanEnvironment{&installer, bundle, [helper] { return helper; }, &reader, &reader, &sensors});
+    make();
+    coordinator->actions().run(ActionSpec::fans(FanPreset::boost50));
+    scheduler.advance(1);
+    EXPECT_EQ(presenter->lines, (std::vector<std::string>{
+                                    "Asking for Boost 50% | Boost 50% holds each fan at least half way, and faster when the chip is hot."}));
+    EXPECT_EQ(coordinator->fanControl()->state().get().kind, FanController::State::Kind::boosting);
+    coordinator->runFanPreset(FanPreset::toggleBoost);  // from a boost, toggle means automatic
+    scheduler.advance(1);
+    EXPECT_EQ(presenter->lines.back(), "Fans back to automatic | macOS decides how fast they turn");
+    EXPECT_EQ(helper->calls, (std::vector<std::string>{"hello", "apply", "handBack"}));
+    auto lines = notes();
+    auto has = [&](const std::string& text) {
+        return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != std::string::npos; });
+    };
+    EXPECT_TRUE(has("[fans] asked the fan helper for Fans at Boost 50%"));
+    EXPECT_TRUE(has("[fans] fan control — Starting"));
+    EXPECT_TRUE(has("[fans] fan control — Boosting"));
+    EXPECT_TRUE(has("[fans] fan control — Ready"));
+    // Quitting drops the connection, and with it the request: the helper hands back by itself.
+    coordinator.reset();
+    EXPECT_EQ(helper->calls.back(), "invalidate");
+}
+
+TEST_F(CoordinatorTest, WithoutFanControlAFanActionSaysSo) {
+    make();
+    coordinator->actions().run(ActionSpec::fans(FanPreset::max));
+    auto lines = notes();
+    EXPECT_NE(std::find_if(lines.begin(), lines.end(), [](const std::string& l) {
+                  return l.find("[fans] fan control is not available in this build") != std::string::npos;
+              }), lines.end());
+    EXPECT_TRUE(presenter->lines.empty());
 }

@@ -1,3 +1,4 @@
+#include "Platform/Simulated/SimulatedSMC.h"
 // These run the real program, as a user would, against a temporary home.
 #include "Support/Process.h"
 #include "Support/TempDir.h"
@@ -40,7 +41,7 @@ TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     TempDir root;
     const std::vector<std::vector<std::string>> commands = {
         {"--diagnose"},       {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"},
-        {"--vault-selftest"}, {"--touchid-probe"},          {"--fan-probe", "release"},
+        {"--vault-selftest"}, {"--touchid-probe"},
     };
     for (const auto& command : commands) {
         std::vector<std::string> arguments{binary};
@@ -106,6 +107,41 @@ TEST(EndToEnd, ARecordedSwipePlayedIntoTheRunningTrackpadFiresItsMapping) {
               "✗ could not draw “up,sideways”: expected: stroke <up|down|left|right,… at most three> or stroke click\n");
     app.signal(SIGINT);
     EXPECT_EQ(app.wait(30), 0) << app.output();
+TEST(EndToEnd, TheFanProbeReadsBoostsThroughTheRealHelperAndHandsBack) {
+    TempDir root;
+    auto env = isolatedEnvironment(root.path());
+    auto probe = runProcess({binary, "--fan-probe"}, env, 60);
+    EXPECT_EQ(probe.status, 0) << probe.output;
+    EXPECT_EQ(probe.output.rfind("Tavrick fan probe\nversion        : ", 0), 0u) << probe.output;
+    for (const char* line : {"SMC layout     : 80 bytes, keyInfo @28, result @40, data32 @44, bytes @48 (OK)\n",
+                             "Fans           : 2 (0 automatic, 1 manual, 3 system)\n",
+                             "  fan 0  Ac  1200  Mn  1200  Mx  6000  Tg  1200  mode 0\n", "Ftst           : absent\n",
+                             "Fan helper     : not registered (Boost installs it the first time it is chosen)\n",
+                             "helper hello   : protocol 1, build ", "                 set by Tavrick: none\n"}) {
+        EXPECT_NE(probe.output.find(line), std::string::npos) << line << "\n" << probe.output;
+    }
+    // Read only: nothing was registered.
+    EXPECT_FALSE(std::filesystem::exists(root / "config" / "systemd"));
+
+    auto boost = runProcess({binary, "--fan-probe", "2"}, env, 90);
+    EXPECT_EQ(boost.status, 0) << boost.output;
+    EXPECT_NE(boost.output.find("\nAsking for Max for 2 s over one connection…\n  accepted, helper state boosting, controlling yes, clients 1\n"),
+              std::string::npos) << boost.output;
+    EXPECT_NE(boost.output.find("mode 1\n"), std::string::npos);
+    EXPECT_TRUE(boost.output.ends_with("\nHanding back…\n✓ Every fan reads automatic (0) or system (3) again.\n")) << boost.output;
+
+    {
+        tavrick::SimulatedSMC chip(supportDir(root) / "fanhelper" / "simulated-smc");
+        chip.takeFan(1, 2500);  // another program's fan
+    }
+    auto release = runProcess({binary, "--fan-probe", "release"}, env, 60);
+    EXPECT_EQ(release.status, 0) << release.output;
+    EXPECT_NE(release.output.find("This is what “Hand Back Anyway” sends. It parks each fan on the\n"), std::string::npos);
+    EXPECT_NE(release.output.find("\nwrote          : park then mode 0 on fan 1\n                 of which Tavrick had no record of: 1\n"),
+              std::string::npos) << release.output;
+    EXPECT_TRUE(release.output.ends_with("✓ Every fan reads automatic (0) or system (3) again.\n"));
+    tavrick::SimulatedSMC chip(supportDir(root) / "fanhelper" / "simulated-smc");
+    for (const auto& fan : chip.fans()) EXPECT_EQ(fan.mode, 0);
 }
 
 TEST(EndToEnd, EmptyLogSaysWhereItWouldBe) {
