@@ -478,6 +478,8 @@ TEST_F(CoordinatorTest, TheLoginItemAndTheKeychainAreTheCoordinators) {
     EXPECT_TRUE(coordinator->loginItem().state().get().isOn());
     EXPECT_TRUE(coordinator->keychain().set("sk-test", "anthropic-api-key"));
     EXPECT_EQ(secrets.copy("com.orvell.tavrick", "anthropic-api-key").data, "sk-test");
+}
+
 namespace {
 
 struct EnabledInstaller : FanHelperInstaller {

@@ -107,6 +107,8 @@ TEST(EndToEnd, ARecordedSwipePlayedIntoTheRunningTrackpadFiresItsMapping) {
               "✗ could not draw “up,sideways”: expected: stroke <up|down|left|right,… at most three> or stroke click\n");
     app.signal(SIGINT);
     EXPECT_EQ(app.wait(30), 0) << app.output();
+}
+
 TEST(EndToEnd, TheFanProbeReadsBoostsThroughTheRealHelperAndHandsBack) {
     TempDir root;
     auto env = isolatedEnvironment(root.path());
