@@ -9,6 +9,7 @@
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
+#include "Tavrick/CoordinatorHarness.h"
 #include "Tavrick/TavrickApp.h"
 #include "Platform/Simulated/SimulatedSMC.h"
 #include "Support/LogCapture.h"
@@ -24,13 +25,6 @@ using namespace tavrick::testing;
 
 namespace {
 
-struct RecordingPresenter : Toast::Presenter {
-    std::vector<std::string> lines;
-    void present(const std::string& title, Toast::Kind, const std::optional<std::string>& detail) override {
-        lines.push_back(title + (detail ? " | " + *detail : ""));
-    }
-};
-
 // ⌃⌥← and ⌃⌥→, as a user's file would hold them.
 const char* mappingsFile = R"({
   "mappings": [
@@ -42,74 +36,13 @@ const char* mappingsFile = R"({
   "schemaVersion": 1
 })";
 
-class CoordinatorTest : public ::testing::Test {
+class CoordinatorTest : public CoordinatorHarness {
 protected:
     void SetUp() override {
-        installTestPlatform(root.path());
+        CoordinatorHarness::SetUp();
         writeFile(root / "mappings.json", mappingsFile);
-        presenter = std::make_shared<RecordingPresenter>();
-        Toast::shared().setPresenter(presenter);
-        log = DiagnosticLog::make(root / "support", scheduler);
     }
-    void TearDown() override {
-        coordinator.reset();
-        // A failed assertion must not leave the sink pointing into a finished test.
-        Log::setSink(nullptr);
-        AppearanceController::setApplier(nullptr);
-        Toast::shared().setPresenter(nullptr);
-        Toast::shared().setIsEnabled(nullptr);
-    }
-
-    AppEnvironment environment() {
-        return AppEnvironment{
-            .scheduler = scheduler,
-            .log = *log,
-            .events = session,
-            .defaults = defaults,
-            .workspace = workspace,
-            .notifications = notifications,
-            .keyboardLayout = nullptr,
-            .mappingsFile = root / "mappings.json",
-            .permissionSource = PermissionSource{[this] { return accessibility == PermissionState::granted; },
-                                                 [this] {
-                                                     return inputMonitoring == PermissionState::granted ? 0
-                                                            : inputMonitoring == PermissionState::denied ? 1 : 2;
-                                                 },
-                                                 [this] { ++accessibilityPrompts; },
-                                                 [this] {
-                                                     ++listenRequests;
-                                                     return inputMonitoring == PermissionState::granted;
-                                                 },
-                                                 [this](const std::string& url) { openedSettings.push_back(url); }},
-            .footprint = [this] { return footprint; },
-            .version = "1.2.3",
-            .build = "45",
-            .operatingSystemVersion = "Debian 12",
-            .applications = desktop,
-            .launcher = desktop,
-            .screens = desktop,
-            .windowList = desktop,
-            .windowAccessibility = desktop,
-            .finderDefaults = finderDefaults,
-            .home = root.path(),
-            .processIdentifier = ownPid,
-            .loginItems = LoginItemService{[this] { return loginStatus; }, [] { return std::nullopt; },
-                                           [] { return std::nullopt; }, nullptr},
-            .secrets = secrets,
-            .supportDirectory = {},
-            .pasteboard = nullptr,
-            .powerAssertions = nullptr,
-            .processes = nullptr,
-            .lidSensors = nullptr,
-            .frontmostApplication = nullptr,
-            .fans = fanEnvironment,
-        };
-    }
-
-    std::shared_ptr<AppCoordinator> make() {
-        coordinator = AppCoordinator::make(environment());
-        return coordinator;
-    }
+    void adjust(AppEnvironment& environment) override { environment.fans = fanEnvironment; }
 
     // Presses a key in the session and lets every queue run.
     void press(std::uint16_t keyCode, Modifiers modifiers) {
@@ -119,54 +52,7 @@ protected:
         scheduler.runUntilIdle();
     }
 
-    std::vector<std::string> notes() {
-        log->flush();
-        std::vector<std::string> lines;
-        std::istringstream in(log->contents());
-        for (std::string line; std::getline(in, line);) {
-            // Drop the stamp: "yyyy-MM-dd HH:mm:ss.SSS " is 24 characters.
-            lines.push_back(line.size() > 24 ? line.substr(24) : line);
-        }
-        return lines;
-    }
-
-    bool noted(const std::string& line) {
-        auto all = notes();
-        return std::find(all.begin(), all.end(), line) != all.end();
-    }
-
-    TempDir root;
-    ManualScheduler scheduler;
-    SimulatedSession session;
-    InMemoryPreferenceStore defaults;
-    WorkspaceNotifications workspace{scheduler};
-    struct FakeNotifications : UserNotificationCenter {
-        bool grant = true;
-        std::optional<std::string> error;
-        std::vector<std::string> added;
-        void requestAuthorization(int options, AuthorizationReply reply) override {
-            EXPECT_EQ(options, 6);
-            reply(grant, error);
-        }
-        void add(const std::string& identifier, const std::string& title, const std::string& body) override {
-            added.push_back(identifier + " | " + title + " | " + body);
-        }
-    } notifications;
-    std::shared_ptr<DiagnosticLog> log;
-    std::shared_ptr<RecordingPresenter> presenter;
     std::shared_ptr<FanEnvironment> fanEnvironment;
-    std::shared_ptr<AppCoordinator> coordinator;
-    PermissionState accessibility = PermissionState::granted;
-    PermissionState inputMonitoring = PermissionState::granted;
-    std::optional<std::uint64_t> footprint = 25 * 1024 * 1024;
-    static constexpr std::int32_t ownPid = 777;
-    SimulatedDesktop desktop;
-    InMemoryPreferenceStore finderDefaults;
-    int loginStatus = 0;
-    InMemorySecretStore secrets;
-    int accessibilityPrompts = 0;
-    int listenRequests = 0;
-    std::vector<std::string> openedSettings;
 };
 
 const Modifiers controlOption = Modifiers::control | Modifiers::option;

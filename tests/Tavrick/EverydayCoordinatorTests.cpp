@@ -1,5 +1,3 @@
-#include "Platform/Simulated/SimulatedDesktop.h"
-#include "CoreKit/SecretStore.h"
 // The coordinator's links between the everyday services, on virtual time.
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/PreferenceStore.h"
@@ -10,6 +8,7 @@
 #include "Support/LogCapture.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
+#include "Tavrick/CoordinatorHarness.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -21,102 +20,25 @@ using namespace tavrick::testing;
 
 namespace {
 
-struct Presenter : Toast::Presenter {
-    std::vector<std::string> lines;
-    void present(const std::string& title, Toast::Kind kind, const std::optional<std::string>& detail) override {
-        lines.push_back(std::string(kind == Toast::Kind::warning ? "warning " : "") + title +
-                        (detail ? " | " + *detail : ""));
-    }
-};
-
-struct Notifications : UserNotificationCenter {
-    std::vector<std::string> added;
-    void requestAuthorization(int, AuthorizationReply reply) override { reply(true, std::nullopt); }
-    void add(const std::string&, const std::string& title, const std::string& body) override {
-        added.push_back(title + " | " + body);
-    }
-};
-
 struct NoProcesses : ProcessWatcher {
     std::optional<Instance> find(const std::string&) override { return std::nullopt; }
     std::unique_ptr<Watch> watchExit(const Instance&, std::function<void()>) override { return nullptr; }
 };
 
-class EverydayTest : public ::testing::Test {
+class EverydayTest : public CoordinatorHarness {
 protected:
-    void SetUp() override {
-        installTestPlatform(root.path());
-        presenter = std::make_shared<Presenter>();
-        Toast::shared().setPresenter(presenter);
-        log = DiagnosticLog::make(root / "logs", scheduler);
+    void adjust(AppEnvironment& environment) override {
+        environment.supportDirectory = root / "support";
+        environment.pasteboard = pasteboard;
+        environment.powerAssertions = assertions;
+        environment.processes = std::make_shared<NoProcesses>();
+        environment.lidSensors = [this] { return lid; };
     }
-    void TearDown() override {
-        coordinator.reset();
-        Toast::shared().setPresenter(nullptr);
-        Toast::shared().setIsEnabled(nullptr);
-    }
+    AppCoordinator& make() { return *CoordinatorHarness::make(); }
 
-    AppCoordinator& make() {
-        coordinator = AppCoordinator::make(AppEnvironment{
-            .scheduler = scheduler,
-            .log = *log,
-            .events = session,
-            .defaults = defaults,
-            .workspace = workspace,
-            .notifications = notifications,
-            .keyboardLayout = nullptr,
-            .mappingsFile = root / "mappings.json",
-            .permissionSource = PermissionSource{[] { return true; }, [] { return 0; }},
-            .footprint = [] { return std::nullopt; },
-            .version = "1.0",
-            .build = "1",
-            .operatingSystemVersion = "Debian 12",
-            .applications = desktop,
-            .launcher = desktop,
-            .screens = desktop,
-            .windowList = desktop,
-            .windowAccessibility = desktop,
-            .finderDefaults = finderDefaults,
-            .home = root.path(),
-            .loginItems = {},
-            .secrets = secrets,
-            .supportDirectory = root / "support",
-            .pasteboard = pasteboard,
-            .powerAssertions = assertions,
-            .processes = std::make_shared<NoProcesses>(),
-            .lidSensors = [this] { return lid; },
-            .frontmostApplication = {},
-        });
-        return *coordinator;
-    }
-
-    std::vector<std::string> notes() {
-        log->flush();
-        std::vector<std::string> lines;
-        std::istringstream in(log->contents());
-        for (std::string line; std::getline(in, line);) lines.push_back(line.size() > 24 ? line.substr(24) : line);
-        return lines;
-    }
-    bool noted(const std::string& line) {
-        auto all = notes();
-        return std::find(all.begin(), all.end(), line) != all.end();
-    }
-
-    TempDir root;
-    ManualScheduler scheduler;
-    SimulatedSession session;
-    SimulatedDesktop desktop;
-    InMemoryPreferenceStore finderDefaults;
-    InMemorySecretStore secrets;
-    InMemoryPreferenceStore defaults;
-    WorkspaceNotifications workspace{scheduler};
-    Notifications notifications;
     std::shared_ptr<SimulatedPasteboard> pasteboard = std::make_shared<SimulatedPasteboard>();
     std::shared_ptr<InMemoryPowerAssertions> assertions = std::make_shared<InMemoryPowerAssertions>();
     LidReadings lid;
-    std::shared_ptr<DiagnosticLog> log;
-    std::shared_ptr<Presenter> presenter;
-    std::shared_ptr<AppCoordinator> coordinator;
 };
 
 } // namespace
@@ -148,10 +70,10 @@ TEST_F(EverydayTest, FocusHoldsKeepAwakeAndABreakLetsGoOfIt) {
     EXPECT_EQ(app.pomodoro().phase().get(), PomodoroPhase::shortBreak);
     EXPECT_FALSE(app.awake().isActive().get());
     EXPECT_FALSE(app.pomodoroHoldsAwake());
-    EXPECT_EQ(notifications.added, (std::vector<std::string>{"Time for a break | Focus finished."}));
+    EXPECT_EQ(notifications.titlesAndBodies(), (std::vector<std::string>{"Time for a break | Focus finished."}));
 
     scheduler.advance(300);
-    EXPECT_EQ(notifications.added.back(), "Back to work | Short Break finished.");
+    EXPECT_EQ(notifications.titlesAndBodies().back(), "Back to work | Short Break finished.");
     EXPECT_TRUE(app.awake().isActive().get());
 
     app.actions().run(ActionSpec::pomodoro(PomodoroAction::reset));
@@ -195,7 +117,7 @@ TEST_F(EverydayTest, SkippingMovesOnQuietly) {
     app.start();
     app.actions().run(ActionSpec::pomodoro(PomodoroAction::skipPhase));
     EXPECT_EQ(app.pomodoro().phase().get(), PomodoroPhase::shortBreak);
-    EXPECT_TRUE(notifications.added.empty());
+    EXPECT_TRUE(notifications.titlesAndBodies().empty());
 }
 
 TEST_F(EverydayTest, TheNoteIsFlushedOnSleepPowerOffAndQuit) {

@@ -1,5 +1,3 @@
-#include "Platform/Simulated/SimulatedDesktop.h"
-#include "CoreKit/SecretStore.h"
 // The coordinator's side of the trackpad and mouse engines: start order, errors, the master
 // switch and waking from sleep.
 #include "CoreKit/DiagnosticLog.h"
@@ -13,6 +11,7 @@
 #include "Support/LogCapture.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
+#include "Tavrick/CoordinatorHarness.h"
 
 #include <gtest/gtest.h>
 
@@ -39,64 +38,19 @@ const char* mappingsFile = R"({
   "schemaVersion": 1
 })";
 
-class GestureCoordinatorTest : public ::testing::Test {
+class GestureCoordinatorTest : public CoordinatorHarness {
 protected:
     void SetUp() override {
-        installTestPlatform(root.path());
+        CoordinatorHarness::SetUp();
         writeFile(root / "mappings.json", mappingsFile);
-        log = DiagnosticLog::make(root / "support", scheduler);
     }
-    void TearDown() override {
-        coordinator.reset();
-        Log::setSink(nullptr);
-        Toast::shared().setIsEnabled(nullptr);
+    void adjust(AppEnvironment& environment) override {
+        environment.touchSource = source;
+        environment.frontmostBundleID = "com.apple.Safari";
     }
-
-    std::shared_ptr<AppCoordinator> make(std::shared_ptr<TouchSource> source) {
-        struct NoNotifications : UserNotificationCenter {
-            void requestAuthorization(int, AuthorizationReply reply) override { reply(false, std::nullopt); }
-            void add(const std::string&, const std::string&, const std::string&) override {}
-        };
-        static NoNotifications notifications;
-        coordinator = AppCoordinator::make(AppEnvironment{
-            .scheduler = scheduler,
-            .log = *log,
-            .events = session,
-            .defaults = defaults,
-            .workspace = workspace,
-            .notifications = notifications,
-            .keyboardLayout = nullptr,
-            .mappingsFile = root / "mappings.json",
-            .permissionSource = PermissionSource{[] { return true; }, [] { return 0; }},
-            .footprint = [] { return std::nullopt; },
-            .version = "1.2.3",
-            .build = "45",
-            .operatingSystemVersion = "Debian 12",
-            .applications = desktop,
-            .launcher = desktop,
-            .screens = desktop,
-            .windowList = desktop,
-            .windowAccessibility = desktop,
-            .finderDefaults = finderDefaults,
-            .home = root.path(),
-            .loginItems = {},
-            .secrets = secrets,
-            .touchSource = std::move(source),
-            .frontmostBundleID = "com.apple.Safari",
-            .supportDirectory = {},
-            .pasteboard = nullptr,
-            .powerAssertions = nullptr,
-            .processes = nullptr,
-            .lidSensors = nullptr,
-            .frontmostApplication = nullptr,
-        });
-        return coordinator;
-    }
-
-    // A whole line of the diagnostic log, after its stamp.
-    bool noted(const std::string& line) {
-        log->flush();
-        return log->contents().find(" " + line + "\n") != std::string::npos;
+    std::shared_ptr<AppCoordinator> make(std::shared_ptr<TouchSource> touches) {
+        source = std::move(touches);
+        return CoordinatorHarness::make();
     }
 
     void drag(std::vector<Point> points) {
@@ -113,16 +67,7 @@ protected:
         scheduler.runUntilIdle();
     }
 
-    TempDir root;
-    ManualScheduler scheduler;
-    SimulatedSession session;
-    SimulatedDesktop desktop;
-    InMemoryPreferenceStore finderDefaults;
-    InMemorySecretStore secrets;
-    InMemoryPreferenceStore defaults;
-    WorkspaceNotifications workspace{scheduler};
-    std::shared_ptr<DiagnosticLog> log;
-    std::shared_ptr<AppCoordinator> coordinator;
+    std::shared_ptr<TouchSource> source;
     std::shared_ptr<SimulatedTrackpad> trackpad = std::make_shared<SimulatedTrackpad>();
 };
 

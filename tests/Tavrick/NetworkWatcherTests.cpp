@@ -1,5 +1,3 @@
-#include "Platform/Simulated/SimulatedDesktop.h"
-#include "CoreKit/SecretStore.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/PreferenceStore.h"
@@ -8,6 +6,7 @@
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
+#include "Tavrick/CoordinatorHarness.h"
 
 #include <gtest/gtest.h>
 
@@ -16,75 +15,21 @@ using namespace tavrick::testing;
 
 namespace {
 
-struct NetworkWatcherTest : ::testing::Test {
-    TempDir root;
-    ManualScheduler scheduler;
-    SimulatedSession session;
-    SimulatedDesktop desktop;
-    InMemoryPreferenceStore finderDefaults;
-    InMemorySecretStore secrets;
-    InMemoryPreferenceStore defaults;
-    WorkspaceNotifications workspace{scheduler};
-    struct Notifications : UserNotificationCenter {
-        std::vector<std::string> added;
-        void requestAuthorization(int, AuthorizationReply reply) override { reply(true, std::nullopt); }
-        void add(const std::string& id, const std::string& title, const std::string& body) override {
-            added.push_back(id + " | " + title + " | " + body);
-        }
-    } notifications;
-    std::shared_ptr<DiagnosticLog> log;
+struct NetworkWatcherTest : CoordinatorHarness {
     std::vector<std::shared_ptr<FakeFlowSource>> sources;
-    std::shared_ptr<AppCoordinator> coordinator;
     const std::filesystem::path seenFile = root / "support" / "network-seen.json";
 
     void SetUp() override {
-        installTestPlatform(root.path());
+        CoordinatorHarness::SetUp();
         writeFile(root / "mappings.json", R"({"mappings": [], "schemaVersion": 1})");
-        log = DiagnosticLog::make(root / "support", scheduler);
     }
-    void TearDown() override {
-        coordinator.reset();
-        Toast::shared().setIsEnabled(nullptr);
-    }
-    AppCoordinator& make() {
-        NetworkPorts network;
-        network.makeSource = [this](int seconds) -> std::shared_ptr<FlowSource> {
+    void adjust(AppEnvironment& environment) override {
+        environment.network.makeSource = [this](int seconds) -> std::shared_ptr<FlowSource> {
             return sources.emplace_back(std::make_shared<FakeFlowSource>(FlowScope::ownUserPolled(seconds)));
         };
-        network.supportDirectory = root / "support";
-        coordinator = AppCoordinator::make(AppEnvironment{
-            .scheduler = scheduler,
-            .log = *log,
-            .events = session,
-            .defaults = defaults,
-            .workspace = workspace,
-            .notifications = notifications,
-            .keyboardLayout = nullptr,
-            .mappingsFile = root / "mappings.json",
-            .permissionSource = PermissionSource{[] { return true; }, [] { return 0; }},
-            .footprint = [] { return std::nullopt; },
-            .version = "1.0",
-            .build = "1",
-            .operatingSystemVersion = "Debian 12",
-            .applications = desktop,
-            .launcher = desktop,
-            .screens = desktop,
-            .windowList = desktop,
-            .windowAccessibility = desktop,
-            .finderDefaults = finderDefaults,
-            .home = root.path(),
-            .loginItems = {},
-            .secrets = secrets,
-            .network = network,
-            .supportDirectory = {},
-            .pasteboard = nullptr,
-            .powerAssertions = nullptr,
-            .processes = nullptr,
-            .lidSensors = nullptr,
-            .frontmostApplication = nullptr,
-        });
-        return *coordinator;
+        environment.network.supportDirectory = root / "support";
     }
+    AppCoordinator& make() { return *CoordinatorHarness::make(); }
     void deliver(const std::vector<Flow>& flows) {
         ASSERT_FALSE(sources.empty());
         sources.back()->deliver(flows);
