@@ -14,6 +14,8 @@
 #include "CoreKit/WorkspaceNotifications.h"
 #include "GestureEngine/GestureEngine.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "MonitorKit/LocalServerMonitor.h"
+#include "MonitorKit/SystemMonitor.h"
 #include "MouseGestureKit/MouseGestureEngine.h"
 #include "NetKit/FilterController.h"
 #include "NetKit/FlowMonitor.h"
@@ -50,6 +52,10 @@ struct AppEnvironment {
     // The application in front at start, before the first activation is announced.
     std::optional<std::string> frontmostBundleID = std::nullopt;
     NetworkPorts network{};
+    // Memory, power and disk readings, and the process access of the local servers list.
+    SystemReadings systemReadings{};
+    ProcessControl processControl{};
+    std::int32_t selfPID = 0;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -91,6 +97,8 @@ public:
     ActionRunner& actions() { return *actions_; }
     FilterController& filter() { return *filter_; }
     FlowMonitor& flows() { return *flows_; }
+    LocalServerMonitor& servers() { return *servers_; }
+    SystemMonitor& monitor() { return *monitor_; }
 
     // Applies the network settings to the watcher.
     void syncFlowSettings();
@@ -117,8 +125,10 @@ private:
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
+    std::shared_ptr<LocalServerMonitor> servers_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<SystemMonitor> monitor_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;

@@ -326,6 +326,8 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::mouseRecorderSelfTest: return runMouseRecorderSelfTestAndExit(context);
     case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
     case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
+    case DiagnosticFlag::systemReport: return systemReportAndExit(context);
+    case DiagnosticFlag::stopServer: return stopServerAndExit(context, command.pid, command.force);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

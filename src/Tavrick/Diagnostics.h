@@ -39,6 +39,12 @@ int postStrokeAndExit(Context& context, const std::string& strokes);
 // A right-button press at `from`, drags in `steps` even steps, and the release at `to`. False, and
 // nothing posted, when the events cannot be made.
 bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);
+// Memory, power, disk, the biggest processes, the listening servers and the search path with
+// its advice, read from this machine.
+int systemReportAndExit(Context& context);
+// Stops the listening process `pid` with SIGTERM and reports the outcome; with `force`, one that
+// ignored the request is then ended with SIGKILL.
+int stopServerAndExit(Context& context, std::int32_t pid, bool force);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

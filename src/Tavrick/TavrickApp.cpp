@@ -17,6 +17,8 @@
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
 #include "Platform/Linux/LinuxHostLookup.h"
+#include "Platform/Linux/LinuxProcessControl.h"
+#include "Platform/Linux/LinuxSystemReadings.h"
 #include "Platform/Linux/ProcSocketTable.h"
 #include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
@@ -133,6 +135,7 @@ int TavrickApp::main(int argc, char** argv) {
     std::string touchSourceDescription;
     auto touchSource = chooseTouchSource(log, touchSourceDescription);
 
+    LinuxSystemReadings systemReadings;
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
@@ -163,6 +166,9 @@ int TavrickApp::main(int argc, char** argv) {
             .filterSystem = std::make_shared<AbsentFilterSystem>(Bundle::main().bundlePath().string()),
             .supportDirectory = {},
         },
+        .systemReadings = systemReadings.port(),
+        .processControl = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), scheduler),
+        .selfPID = getpid(),
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
