@@ -113,7 +113,9 @@ TEST(ManagedBlock, OnlyTheMarkedLinesEverChange) {
     for (const auto& c : cases) {
         auto after = ManagedPathBlock::apply(c.folders, c.before);
         EXPECT_EQ(after, c.after) << c.before;
-        if (after && !c.folders.empty()) EXPECT_EQ(ManagedPathBlock::folders(*after), c.folders);
+        if (after && !c.folders.empty()) {
+            EXPECT_EQ(ManagedPathBlock::folders(*after), c.folders);
+        }
     }
     // Writing twice changes nothing the second time.
     auto once = *ManagedPathBlock::apply({"/x"}, "top\n");
