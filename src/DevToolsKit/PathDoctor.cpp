@@ -210,8 +210,13 @@ std::map<std::string, std::vector<std::string>> declarations(const std::string& 
     auto names = disk.list ? disk.list("/etc/paths.d") : std::vector<std::string>{};
     std::sort(names.begin(), names.end());
     for (const auto& name : names) listFile("/etc/paths.d/" + name);
-    for (const auto& name : startupFiles()) {
-        auto file = home + "/" + name;
+    std::vector<std::string> files;
+    for (const auto& name : startupFiles()) files.push_back(home + "/" + name);
+    // The system-wide files the shells read first, where a Linux distribution sets the base path.
+    for (const char* file : {"/etc/environment", "/etc/profile", "/etc/zsh/zshenv", "/etc/zsh/zprofile", "/etc/bash.bashrc"}) {
+        files.emplace_back(file);
+    }
+    for (const auto& file : files) {
         if (auto text = disk.read(file)) {
             for (const auto& folder : foldersInStartupFile(*text, home)) declare(folder, file);
         }

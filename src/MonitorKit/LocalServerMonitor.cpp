@@ -164,6 +164,10 @@ void LocalServerMonitor::send(const LocalServer& server, int signo, Completion d
     auto answer = [&](StopOutcome result) {
         if (done) done(result);
     };
+    if (!control_.identity || !control_.signal || !control_.errnoValue || !control_.wait) {
+        return answer(outcome(K::notPermitted, server.name + " could not be asked to stop (error " + std::to_string(ENOSYS) + ")",
+                              "Stop it where it was started."));
+    }
     if (stopping_.contains(server.pid)) {
         return answer(outcome(K::notPermitted, server.name + " is already being stopped.", "Waiting to see whether it goes."));
     }

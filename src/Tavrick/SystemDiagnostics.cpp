@@ -73,7 +73,7 @@ int systemReportAndExit(Context& context) {
     out << "biggest  :\n";
     for (const auto& hog : readings.hogs(10)) {
         out << "  " << hog.pid << "  " << ByteFormat::compact(hog.footprint) << "  " << hog.name
-            << (hog.isQuittable ? "" : "  (system)") << "\n";
+            << (hog.isQuittable ? "" : "  (not offered to quit)") << "\n";
     }
 
     ProcessControl control = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), context.scheduler);
