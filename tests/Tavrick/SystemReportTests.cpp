@@ -38,7 +38,7 @@ TEST(SystemReport, ShowsReadingsServersAndTheExplainedPath) {
 TEST(SystemReport, StopServerEndsTheListedProcessOnly) {
     TempDir root;
     auto environment = isolatedEnvironment(root.path());
-    ChildProcess server({"/usr/bin/python3", "-m", "http.server", "0", "--bind", "127.0.0.1"}, {{"PATH", "/usr/bin:/bin"}});
+    ChildProcess server({"/usr/bin/python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1"}, {{"PATH", "/usr/bin:/bin"}});
     ASSERT_TRUE(server.waitForOutput("Serving HTTP", 20));
     // The pid is the child's own: ChildProcess runs python3 directly.
     auto listed = runProcess({TAVRICK_BINARY, "--system-report"}, environment, 60);
