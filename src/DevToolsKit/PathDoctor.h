@@ -24,6 +24,8 @@ using ShellRunner = std::function<ShellRun(const std::vector<std::string>& argum
 
 namespace PathDoctor {
 
+using Disk = PathDisk;
+
 constexpr std::string_view marker = "__TAVRICK_PATH__";
 // The files the shell reads at login or for each interactive shell, looked at for PATH lines.
 const std::vector<std::string>& startupFiles();  // relative to the home folder, "~/"-less
