@@ -219,7 +219,7 @@ PathAdvice createFolder(const PathEntry& entry, bool inStandardList) {
                            ", empty, owned by root:wheel with mode 755 like the rest of /usr. Nothing else changes, and if "
                            "the folder has appeared since this list was read, nothing is changed at all. macOS asks for your password first.";
     std::string undo = "sudo rmdir";
-    for (auto it = levels.rbegin(); it != levels.rend(); ++it) undo += " " + PathFix::word(*it);
+    for (auto it = levels.rbegin(); it != levels.rend(); ++it) undo.append(" ").append(PathFix::word(*it));
     advice.undo = undo;
     advice.undoNote = levels.size() == 1 ? "works while the folder is still empty" : "works while the folders are still empty";
     advice.fix = PathFix::createFolder(entry.path, std::move(levels));
