@@ -60,6 +60,12 @@ TEST(PathDoctor, RealZshAndBashLoginShells) {
         EXPECT_EQ(path->front(), expected) << shell;
     }
 
+    // A background child that keeps the output open does not hold the answer back.
+    writeFile(home / ".zprofile", "sleep 30 &\n");
+    auto quick = std::chrono::steady_clock::now();
+    EXPECT_TRUE(PathDoctor::loginShellPath(LinuxShellRunner::run, "/usr/bin/zsh", 10, nullptr));
+    EXPECT_LT(std::chrono::steady_clock::now() - quick, std::chrono::seconds(5));
+
     writeFile(home / ".zprofile", "sleep 60 &\nsleep 60\n");
     auto started = std::chrono::steady_clock::now();
     auto hung = LinuxShellRunner::run(PathDoctor::shellArguments("/usr/bin/zsh"), 0.5);

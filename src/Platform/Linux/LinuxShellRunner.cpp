@@ -70,9 +70,24 @@ ShellRun run(const std::vector<std::string>& arguments, double timeout) {
             break;
         }
         pollfd fd{pipeFds[0], POLLIN, 0};
-        int ready = poll(&fd, 1, static_cast<int>(std::min<long long>(left, 1000)));
+        int ready = poll(&fd, 1, static_cast<int>(std::min<long long>(left, 50)));
         if (ready < 0 && errno != EINTR) break;
-        if (ready <= 0) continue;
+        if (ready <= 0) {
+            // A background child of a startup file may hold the output open after the shell has
+            // answered and gone: the shell's end, not the pipe's, is what counts.
+            siginfo_t info{};
+            if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid) {
+                // What it wrote just before it went is still in the pipe.
+                while (poll(&fd, 1, 0) > 0 && (fd.revents & POLLIN)) {
+                    auto length = read(pipeFds[0], buffer, sizeof buffer);
+                    if (length <= 0) break;
+                    auto room = outputCap - std::min(outputCap, result.output.size());
+                    result.output.append(buffer, std::min(room, static_cast<std::size_t>(length)));
+                }
+                break;
+            }
+            continue;
+        }
         auto length = read(pipeFds[0], buffer, sizeof buffer);
         if (length < 0 && errno == EINTR) continue;
         if (length <= 0) {
