@@ -78,7 +78,7 @@ ShellRun run(const std::vector<std::string>& arguments, double timeout) {
             siginfo_t info{};
             if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid) {
                 // What it wrote just before it went is still in the pipe.
-                while (poll(&fd, 1, 0) > 0 && (fd.revents & POLLIN)) {
+                while (std::chrono::steady_clock::now() < deadline && poll(&fd, 1, 0) > 0 && (fd.revents & POLLIN)) {
                     auto length = read(pipeFds[0], buffer, sizeof buffer);
                     if (length <= 0) break;
                     auto room = outputCap - std::min(outputCap, result.output.size());
