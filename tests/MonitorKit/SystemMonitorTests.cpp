@@ -156,6 +156,12 @@ TEST(LinuxReadings, MeminfoMapsOntoTheModelAndBadTextGivesNothing) {
         {"garbage", MemoryPressure::normal},
     };
     for (auto [psi, expected] : pressures) EXPECT_EQ(LinuxSystemReadings::pressureFrom(psi), expected) << psi;
+    EXPECT_EQ(LinuxSystemReadings::swappedPages("nr_free_pages 5\npswpin 120\npswpout 30\n"), 150u);
+    EXPECT_EQ(LinuxSystemReadings::swappedPages("pswpin 120\n"), std::nullopt);
+    EXPECT_EQ(LinuxSystemReadings::swappedPages("pswpin 12x\npswpout 1\n"), std::nullopt);
+    const std::pair<double, MemoryPressure> rates[] = {
+        {0, MemoryPressure::normal}, {99.9, MemoryPressure::normal}, {100, MemoryPressure::warning}, {1000, MemoryPressure::critical}};
+    for (auto [rate, expected] : rates) EXPECT_EQ(LinuxSystemReadings::pressureFromSwapRate(rate), expected) << rate;
 }
 
 TEST(LinuxReadings, PowerFromLaptopDesktopAndOddFixtures) {

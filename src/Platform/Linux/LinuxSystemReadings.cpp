@@ -5,6 +5,8 @@
 
 #include <charconv>
 #include <cmath>
+#include <ctime>
+#include <utility>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -130,9 +132,44 @@ std::optional<MemorySnapshot> LinuxSystemReadings::memory() const {
     return memoryFrom(parseMeminfo(*text));
 }
 
+std::optional<std::uint64_t> LinuxSystemReadings::swappedPages(std::string_view vmstat) {
+    std::optional<std::uint64_t> in, out;
+    while (!vmstat.empty()) {
+        auto end = vmstat.find('\n');
+        auto line = vmstat.substr(0, end);
+        vmstat = end == std::string_view::npos ? std::string_view{} : vmstat.substr(end + 1);
+        auto blank = line.find(' ');
+        if (blank == std::string_view::npos) continue;
+        auto key = line.substr(0, blank);
+        if (key != "pswpin" && key != "pswpout") continue;
+        auto digits = trimmed(line.substr(blank + 1));
+        std::uint64_t value = 0;
+        auto [ptr, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        if (error != std::errc() || ptr != digits.data() + digits.size()) return std::nullopt;
+        (key == "pswpin" ? in : out) = value;
+    }
+    if (!in || !out) return std::nullopt;
+    return *in + *out;
+}
+
+MemoryPressure LinuxSystemReadings::pressureFromSwapRate(double pagesPerSecond) {
+    if (pagesPerSecond >= 1000) return MemoryPressure::critical;
+    if (pagesPerSecond >= 100) return MemoryPressure::warning;
+    return MemoryPressure::normal;
+}
+
 MemoryPressure LinuxSystemReadings::pressure() const {
-    auto text = readText(options_.procRoot / "pressure" / "memory");
-    return text ? pressureFrom(*text) : MemoryPressure::normal;
+    if (auto text = readText(options_.procRoot / "pressure" / "memory")) return pressureFrom(*text);
+    // A kernel built without pressure stall information: judge by how fast it swaps.
+    auto vmstat = readText(options_.procRoot / "vmstat");
+    auto pages = vmstat ? swappedPages(*vmstat) : std::nullopt;
+    if (!pages) return MemoryPressure::normal;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    SwapSample sample{*pages, static_cast<double>(now.tv_sec) + now.tv_nsec / 1e9};
+    auto previous = std::exchange(lastSwap_, sample);
+    if (!previous || sample.at <= previous->at || sample.pages < previous->pages) return MemoryPressure::normal;
+    return pressureFromSwapRate(static_cast<double>(sample.pages - previous->pages) / (sample.at - previous->at));
 }
 
 std::optional<SwapUsage> LinuxSystemReadings::swap() const {

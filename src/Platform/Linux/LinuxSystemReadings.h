@@ -43,9 +43,19 @@ public:
     static std::optional<MemorySnapshot> memoryFrom(const std::map<std::string, std::uint64_t, std::less<>>& info);
     // The "avg10" figures of the "some" and "full" lines of /proc/pressure/memory.
     static MemoryPressure pressureFrom(std::string_view psi);
+    // pswpin + pswpout of /proc/vmstat: pages swapped in and out since boot.
+    static std::optional<std::uint64_t> swappedPages(std::string_view vmstat);
+    // Without pressure stall information: the swap traffic between two readings, in pages a
+    // second; 100 is swapping to keep up, 1000 heavily.
+    static MemoryPressure pressureFromSwapRate(double pagesPerSecond);
 
 private:
     Options options_;
+    struct SwapSample {
+        std::uint64_t pages = 0;
+        double at = 0;
+    };
+    mutable std::optional<SwapSample> lastSwap_;
 };
 
 } // namespace tavrick
