@@ -25,6 +25,8 @@
 #include "FanKit/FanController.h"
 #include "FanKit/FanMonitor.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "MonitorKit/LocalServerMonitor.h"
+#include "MonitorKit/SystemMonitor.h"
 #include "MouseGestureKit/MouseGestureEngine.h"
 #include "NetKit/FilterController.h"
 #include "NetKit/FlowMonitor.h"
@@ -100,6 +102,10 @@ struct AppEnvironment {
     std::function<std::optional<ClipboardSourceApp>()> frontmostApplication = {};
     // Fan control; without it the fan actions say so in the log.
     std::shared_ptr<FanEnvironment> fans = nullptr;
+    // Memory, power and disk readings, and the process access of the local servers list.
+    SystemReadings systemReadings{};
+    ProcessControl processControl{};
+    std::int32_t selfPID = 0;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -148,6 +154,8 @@ public:
     WindowManager& windows() { return *windows_; }
     FilterController& filter() { return *filter_; }
     FlowMonitor& flows() { return *flows_; }
+    LocalServerMonitor& servers() { return *servers_; }
+    SystemMonitor& monitor() { return *monitor_; }
 
     // Applies the network settings to the watcher.
     void syncFlowSettings();
@@ -198,8 +206,10 @@ private:
     std::unique_ptr<LidJournal> lidJournal_;
     std::unique_ptr<LidWatcher> lid_;
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
+    std::shared_ptr<LocalServerMonitor> servers_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
+    std::unique_ptr<SystemMonitor> monitor_;
     std::unique_ptr<FanMonitor> fans_;
     std::unique_ptr<FilterController> filter_;
     std::unique_ptr<PomodoroController> pomodoro_;

@@ -48,6 +48,8 @@ const char* spelling(DiagnosticFlag flag) {
     case DiagnosticFlag::fanProbe: return "--fan-probe";
     case DiagnosticFlag::playTouches: return "--play-touches";
     case DiagnosticFlag::postStroke: return "--post-stroke";
+    case DiagnosticFlag::systemReport: return "--system-report";
+    case DiagnosticFlag::stopServer: return "--stop-server";
     }
     return "";
 }
@@ -58,7 +60,7 @@ const std::vector<DiagnosticFlag>& allFlags() {
         DiagnosticFlag::probeSelection,  DiagnosticFlag::log,          DiagnosticFlag::tapSelfTest,
         DiagnosticFlag::mouseRecorderSelfTest, DiagnosticFlag::vaultSelfTest, DiagnosticFlag::touchIDProbe,
         DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,     DiagnosticFlag::playTouches,
-        DiagnosticFlag::postStroke,
+        DiagnosticFlag::postStroke,      DiagnosticFlag::systemReport, DiagnosticFlag::stopServer,
     };
     return flags;
 }
@@ -131,6 +133,18 @@ std::optional<DiagnosticCommand> parse(const std::vector<std::string>& arguments
                 continue;
             }
             command.strokes = *strokes;
+            break;
+        }
+        case DiagnosticFlag::stopServer: {
+            const std::string* pid = argument(1);
+            auto parsed = pid ? parseInteger<std::int32_t>(*pid) : std::nullopt;
+            if (!parsed || *parsed <= 0) {
+                problem("--stop-server needs the process id of a listening program, not " + quoted(pid) + "; ignoring it");
+                continue;
+            }
+            command.pid = *parsed;
+            const std::string* next = argument(2);
+            command.force = next && *next == "force";
             break;
         }
         case DiagnosticFlag::fanProbe: {

@@ -25,6 +25,10 @@ enum class DiagnosticFlag {
     playTouches,
     // Draws a right-button stroke in a running Tavrick's session.
     postStroke,
+    // Prints the system monitor's readings, the local servers and the search path's diagnosis.
+    systemReport,
+    // Stops a listening process by its pid, politely, and by force only when asked and ignored.
+    stopServer,
 };
 
 struct DiagnosticCommand {
@@ -34,6 +38,8 @@ struct DiagnosticCommand {
     std::string folder;               // renderIcons
     std::string file;                 // playTouches
     std::string strokes;              // postStroke
+    std::int32_t pid = 0;             // stopServer
+    bool force = false;               // stopServer
     double seconds = 0;               // probeSelection, tapProbe
     std::optional<double> boostSeconds;  // fanProbe
     bool release = false;             // fanProbe

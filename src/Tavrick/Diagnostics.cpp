@@ -327,6 +327,8 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
     case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
     case DiagnosticFlag::fanProbe: return runFanProbeAndExit(context, command.boostSeconds, command.release);
+    case DiagnosticFlag::systemReport: return systemReportAndExit(context);
+    case DiagnosticFlag::stopServer: return stopServerAndExit(context, command.pid, command.force);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

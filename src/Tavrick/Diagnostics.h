@@ -43,6 +43,12 @@ bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);
 // Reads the simulated fan controller and asks the real helper; with seconds it boosts to Max for
 // that long and hands back; with `release` it hands back every manual fan.
 int runFanProbeAndExit(Context& context, std::optional<double> boostSeconds, bool release);
+// Memory, power, disk, the biggest processes, the listening servers and the search path with
+// its advice, read from this machine.
+int systemReportAndExit(Context& context);
+// Stops the listening process `pid` with SIGTERM and reports the outcome; with `force`, one that
+// ignored the request is then ended with SIGKILL.
+int stopServerAndExit(Context& context, std::int32_t pid, bool force);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

@@ -22,6 +22,8 @@
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
 #include "Platform/Linux/LinuxHostLookup.h"
+#include "Platform/Linux/LinuxProcessControl.h"
+#include "Platform/Linux/LinuxSystemReadings.h"
 #include "Platform/Linux/ProcSocketTable.h"
 #include "Platform/Linux/LinuxLidSensors.h"
 #include "Platform/Linux/LinuxProcessWatcher.h"
@@ -183,6 +185,7 @@ int TavrickApp::main(int argc, char** argv) {
         &fanHost.launcher(), fanHost.bundle(), [&fanHost, &scheduler] { return fanHost.makeClient(scheduler); },
         &fanHost.chipReader(), &fanHost.monitorReader(), &fanHost.monitorSensors()});
 
+    LinuxSystemReadings systemReadings;
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
@@ -251,6 +254,9 @@ int TavrickApp::main(int argc, char** argv) {
             return ClipboardSourceApp{front->bundleIdentifier.value_or(""), front->localizedName.value_or("")};
         },
         .fans = fanEnvironment,
+        .systemReadings = systemReadings.port(),
+        .processControl = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), scheduler),
+        .selfPID = getpid(),
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"

@@ -112,3 +112,30 @@ TEST(CommandLine, IgnoredAndDefaultedArgumentsAreExplainedForTheLog) {
         EXPECT_EQ(problems, c.problems) << c.arguments[1];
     }
 }
+
+namespace {
+
+TEST(CommandLineMonitor, StopServerNeedsAPositivePid) {
+    using tavrick::CommandLine::parse;
+    const std::pair<std::vector<std::string>, std::optional<std::pair<std::int32_t, bool>>> cases[] = {
+        {{"tavrick", "--stop-server", "42"}, std::pair{42, false}},
+        {{"tavrick", "--stop-server", "42", "force"}, std::pair{42, true}},
+        {{"tavrick", "--stop-server", "0"}, std::nullopt},
+        {{"tavrick", "--stop-server", "-3"}, std::nullopt},
+        {{"tavrick", "--stop-server"}, std::nullopt},
+    };
+    for (const auto& [arguments, expected] : cases) {
+        std::vector<std::string> problems;
+        auto command = parse(arguments, &problems);
+        EXPECT_EQ(command.has_value(), expected.has_value());
+        if (command && expected) {
+            EXPECT_EQ(command->pid, expected->first);
+            EXPECT_EQ(command->force, expected->second);
+        } else {
+            ASSERT_EQ(problems.size(), 1u);
+            EXPECT_TRUE(problems[0].starts_with("--stop-server needs the process id of a listening program"));
+        }
+    }
+}
+
+} // namespace
