@@ -272,8 +272,7 @@ int TavrickApp::main(int argc, char** argv) {
     auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath(), pasteboard.get());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n"
-                  << "  copies   : a line \"copy\" and then the text, sent to " << sessionSocketPath().string()
-                  << ", is a copy on this session's pasteboard\n"
+                  << "  copies   : echo -n <text> | scripts/session copy   puts a copy on this session's pasteboard\n"
                   << std::flush;
         if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
             bridge->setTouchPlayer([trackpad](const std::filesystem::path& recording) {
