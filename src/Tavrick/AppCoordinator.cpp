@@ -32,6 +32,7 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
     : env_(std::move(environment)),
       store_(std::make_unique<MappingStore>(env_.mappingsFile, env_.log, env_.scheduler.clock())),
       mouseGestures_(std::make_unique<MouseGestureEngine>(env_.events, env_.scheduler)),
+      fileServer_(std::make_unique<StaticFileServer>(env_.scheduler, env_.log)),
       permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
       loginItem_(std::make_unique<LoginItemController>(env_.loginItems, env_.scheduler)),
@@ -104,6 +105,12 @@ void AppCoordinator::installClosures() {
     networkObservations_.push_back(settings_->networkAlertMode.observe(sync));
     networkObservations_.push_back(settings_->networkSampleSeconds.observe(sync));
     networkObservations_.push_back(settings_->networkMutedApps.observe(sync));
+    auto serve = [weak](const auto&) {
+        if (auto self = weak.lock(); self && self->started_) self->syncFileServer();
+    };
+    networkObservations_.push_back(settings_->serveFolder.observe(serve));
+    networkObservations_.push_back(settings_->servePort.observe(serve));
+    networkObservations_.push_back(settings_->serveOnNetwork.observe(serve));
     // What was learned in the last half minute survives a Quit.
     networkObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willTerminate, [weak](const auto&) {
         if (auto self = weak.lock()) self->flows_->flush();
@@ -185,6 +192,21 @@ void AppCoordinator::start() {
 
     // 15.
     if (settings_->isNetworkMonitorEnabled.get()) networkMonitorChanged(true);
+
+    // The folder the user chose to serve comes back with the program.
+    syncFileServer();
+}
+
+void AppCoordinator::syncFileServer() {
+    const auto& folder = settings_->serveFolder.get();
+    if (folder.empty()) {
+        if (fileServer_->state().get().kind != StaticFileServer::State::Kind::stopped) fileServer_->stop();
+        return;
+    }
+    fileServer_->start(folder, settings_->servePort.get(), settings_->serveOnNetwork.get());
+    if (auto failure = fileServer_->state().get(); failure.kind == StaticFileServer::State::Kind::failed) {
+        Log::core.error("File server did not start: %s", failure.message.c_str());
+    }
 }
 
 void AppCoordinator::syncFlowSettings() {

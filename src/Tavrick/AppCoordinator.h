@@ -24,6 +24,7 @@
 #include "NetKit/FilterController.h"
 #include "NetKit/FlowMonitor.h"
 #include "NetKit/NetworkPorts.h"
+#include "WebServerKit/StaticFileServer.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -117,6 +118,10 @@ public:
     WindowManager& windows() { return *windows_; }
     FilterController& filter() { return *filter_; }
     FlowMonitor& flows() { return *flows_; }
+    StaticFileServer& fileServer() { return *fileServer_; }
+
+    // Serves the folder of the settings, or stops serving when none is set.
+    void syncFileServer();
 
     // Applies the network settings to the watcher.
     void syncFlowSettings();
@@ -143,6 +148,7 @@ private:
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
+    std::unique_ptr<StaticFileServer> fileServer_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<LoginItemController> loginItem_;
