@@ -26,8 +26,10 @@ struct HTTPResponse {
     ~HTTPResponse();
 };
 
-// Answers what one read of a connection received, for the folder at `root`.
-HTTPResponse respondTo(std::string_view request, const std::filesystem::path& root);
+// Answers what one read of a connection received, for the folder at `root`. With the folder
+// open as `rootDescriptor`, a plain file is opened beneath it in one step; anything else (a
+// folder, a link, a refusal) takes the full resolution, so the answers are the same either way.
+HTTPResponse respondTo(std::string_view request, const std::filesystem::path& root, int rootDescriptor = -1);
 
 // "HTTP/1.1 " + status, then the type, the length, no caching and the close, CR LF each.
 std::string responseHead(std::string_view status, std::string_view contentType, std::uint64_t length);

@@ -4,6 +4,7 @@
 #include "WebServerKit/HTTPExchange.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
@@ -52,6 +53,8 @@ struct StaticFileServer::Listener {
 
     int socket = -1;
     int wake = -1;
+    // The folder, held open for the one-step open of plain files beneath it.
+    int rootDescriptor = -1;
     fs::path root;
     DiagnosticLog& log;
     double idleSeconds;
@@ -62,7 +65,8 @@ struct StaticFileServer::Listener {
     std::vector<std::thread> threads;
 
     Listener(int socket, fs::path root, DiagnosticLog& log, double idleSeconds)
-        : socket(socket), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), root(std::move(root)), log(log),
+        : socket(socket), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+          rootDescriptor(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)), root(std::move(root)), log(log),
           idleSeconds(idleSeconds) {}
 
     ~Listener() { finish(); }
@@ -77,6 +81,8 @@ struct StaticFileServer::Listener {
         threads.clear();
         if (wake >= 0) ::close(wake);
         if (socket >= 0) ::close(socket);
+        if (rootDescriptor >= 0) ::close(rootDescriptor);
+        rootDescriptor = -1;
         wake = -1;
         socket = -1;
     }
@@ -149,14 +155,22 @@ struct StaticFileServer::Listener {
                 // next round tries again; the listener itself stays up.
                 return;
             }
+            // The listener hands over connections once their request has arrived, so most are
+            // answered here and never wait in the poll set.
+            Connection connection;
+            connection.lastActivity = now;
+            if (!advance(-1, fd, connection, now)) {
+                ::close(fd);
+                continue;
+            }
             epoll_event event{};
-            event.events = EPOLLIN | EPOLLRDHUP;
+            event.events = connection.phase == Phase::writing ? EPOLLOUT : EPOLLIN | EPOLLRDHUP;
             event.data.fd = fd;
             if (::epoll_ctl(poll, EPOLL_CTL_ADD, fd, &event) != 0) {
                 ::close(fd);
                 continue;
             }
-            connections[fd].lastActivity = now;
+            connections.emplace(fd, std::move(connection));
         }
     }
 
@@ -171,7 +185,8 @@ struct StaticFileServer::Listener {
             if (count < 0) return errno == EAGAIN || errno == EINTR;
             if (count == 0) return false;
             countOne();
-            connection.response = respondTo(std::string_view(buffer, static_cast<std::size_t>(count)), root);
+            connection.response =
+                respondTo(std::string_view(buffer, static_cast<std::size_t>(count)), root, rootDescriptor);
             if (connection.response.refusedPath) log.note("serve", "refused a path that left the folder");
             connection.pending = std::move(connection.response.head);
             connection.pending += connection.response.body;
@@ -220,6 +235,7 @@ struct StaticFileServer::Listener {
         if (!connection.sentTooMuch) return false;
         ::shutdown(fd, SHUT_WR);
         connection.phase = Phase::draining;
+        if (poll < 0) return true;
         epoll_event event{};
         event.events = EPOLLIN | EPOLLRDHUP;
         event.data.fd = fd;
@@ -228,7 +244,8 @@ struct StaticFileServer::Listener {
     }
 
     bool waitForRoom(int poll, int fd, bool firstTime) {
-        if (!firstTime) return true;
+        // A connection not yet in the poll set is added by the caller, waiting for room.
+        if (!firstTime || poll < 0) return true;
         epoll_event event{};
         event.events = EPOLLOUT;
         event.data.fd = fd;
@@ -285,6 +302,10 @@ void StaticFileServer::start(const fs::path& folder, std::int64_t port, bool onN
     address.sin_addr.s_addr = htonl(onNetwork ? INADDR_ANY : INADDR_LOOPBACK);
     if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return fail(errno);
     if (::listen(fd, 1024) != 0) return fail(errno);
+    // Accept only once the request is there; a client that connects and says nothing costs
+    // nothing until it does.
+    int deferSeconds = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &deferSeconds, sizeof deferSeconds);
     socklen_t length = sizeof address;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     std::uint16_t bound = ntohs(address.sin_port);

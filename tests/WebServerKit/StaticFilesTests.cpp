@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace tavrick {
@@ -165,11 +166,19 @@ TEST_F(Site, AnswersCarryTheExactHeadAndBody) {
          "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: 9\r\n"
          "Cache-Control: no-store\r\nConnection: close\r\n\r\n", ""},
     };
-    for (const auto& c : cases) {
-        auto response = respondTo(c.request, root);
-        EXPECT_EQ(response.head, c.head) << c.request;
-        EXPECT_EQ(response.body, c.body) << c.request;
+    // The one-step open beneath the folder answers exactly as the full resolution does.
+    int folder = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    for (int descriptor : {-1, folder}) {
+        for (const auto& c : cases) {
+            auto response = respondTo(c.request, root, descriptor);
+            EXPECT_EQ(response.head, c.head) << c.request << " " << descriptor;
+            EXPECT_EQ(response.body, c.body) << c.request << " " << descriptor;
+        }
+        EXPECT_TRUE(respondTo("GET /out-link HTTP/1.1\r\n\r\n", root, descriptor).refusedPath);
+        EXPECT_EQ(respondTo("GET /in-link HTTP/1.1\r\n\r\n", root, descriptor).fileLength, 6u);
+        EXPECT_EQ(respondTo("GET /docs HTTP/1.1\r\n\r\n", root, descriptor).fileLength, 4u);
     }
+    ::close(folder);
     auto file = respondTo("GET /index.html HTTP/1.1\r\n\r\n", root);
     EXPECT_GE(file.fileDescriptor, 0);
     EXPECT_EQ(file.fileLength, 13u);
