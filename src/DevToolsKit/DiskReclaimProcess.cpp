@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <string_view>
 #include <cstring>
 
 extern char** environ;
@@ -39,7 +41,8 @@ double now() {
 } // namespace
 
 ToolProcessResult runToolProcess(const std::filesystem::path& program, const std::vector<std::string>& arguments,
-                                 double timeout, const std::vector<std::string>& environment) {
+                                 double timeout, const std::vector<std::string>& environment,
+                                 const std::function<void(int processIdentifier)>& onStart) {
     ToolProcessResult result;
     int pipeEnds[2];
     if (::pipe2(pipeEnds, O_CLOEXEC) != 0) {
@@ -67,7 +70,14 @@ ToolProcessResult runToolProcess(const std::filesystem::path& program, const std
     for (auto& a : argvStrings) argv.push_back(a.data());
     argv.push_back(nullptr);
     std::vector<std::string> envStrings;
-    for (char** e = environ; e && *e; ++e) envStrings.emplace_back(*e);
+    auto overridden = [&](std::string_view entry) {
+        auto name = entry.substr(0, entry.find('=') + 1);
+        return std::any_of(environment.begin(), environment.end(),
+                           [&](const std::string& mine) { return mine.starts_with(name); });
+    };
+    for (char** e = environ; e && *e; ++e) {
+        if (!overridden(*e)) envStrings.emplace_back(*e);
+    }
     envStrings.insert(envStrings.end(), environment.begin(), environment.end());
     std::vector<char*> envp;
     for (auto& e : envStrings) envp.push_back(e.data());
@@ -85,6 +95,7 @@ ToolProcessResult runToolProcess(const std::filesystem::path& program, const std
         return result;
     }
 
+    if (onStart) onStart(pid);
     double deadline = now() + timeout;
     double killAt = 0;
     char buffer[4096];

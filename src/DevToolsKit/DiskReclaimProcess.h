@@ -26,8 +26,10 @@ struct ToolProcessResult {
 
 // Runs `program` with `arguments`, no standard input, and waits at most `timeout` seconds;
 // past that it is sent SIGTERM, then SIGKILL a second later. `environment` entries ("NAME=value")
-// are added to the program's own.
+// replace or add to the program's own. `onStart` hears the child's process id (also its process
+// group), so another thread can end it early.
 ToolProcessResult runToolProcess(const std::filesystem::path& program, const std::vector<std::string>& arguments,
-                                 double timeout, const std::vector<std::string>& environment = {});
+                                 double timeout, const std::vector<std::string>& environment = {},
+                                 const std::function<void(int processIdentifier)>& onStart = nullptr);
 
 } // namespace tavrick
