@@ -34,6 +34,15 @@ ProgramLookup lookupInFolders(std::vector<std::filesystem::path> folders) {
     };
 }
 
+ProgramLookup lookupByPathOrName(std::vector<std::filesystem::path> folders) {
+    auto inFolders = lookupInFolders(std::move(folders));
+    return [inFolders](const std::string& name) -> std::optional<std::filesystem::path> {
+        if (name.empty()) return std::nullopt;
+        if (name.front() == '/' && ::access(name.c_str(), X_OK) == 0) return std::filesystem::path(name);
+        return inFolders(std::filesystem::path(name).filename().string());
+    };
+}
+
 namespace {
 double now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();

@@ -13,6 +13,9 @@ using ProgramLookup = std::function<std::optional<std::filesystem::path>(const s
 
 // A lookup in a fixed list of folders, for when no better search path is known.
 ProgramLookup lookupInFolders(std::vector<std::filesystem::path> folders);
+// A program asked for by its fixed path ("/usr/bin/git") or its name: the path itself when it
+// is there, otherwise the same name in `folders`.
+ProgramLookup lookupByPathOrName(std::vector<std::filesystem::path> folders);
 
 // What a child program did: its output (standard output and error together), its exit status,
 // and whether it ran past its time or never started.

@@ -2,7 +2,9 @@
 
 #include "CoreKit/Log.h"
 #include "CoreKit/Toast.h"
+#include "DevToolsKit/DiskReclaim.h"
 #include "MonitorKit/ByteFormat.h"
+#include "Platform/Linux/JSONPreferenceStore.h"
 
 #include <cassert>
 
@@ -60,7 +62,30 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
           {settings_->networkMutedApps.get().begin(), settings_->networkMutedApps.get().end()},
           alertsOnNewApps(settings_->networkAlertMode), alertsOnNewHosts(settings_->networkAlertMode),
           static_cast<int>(settings_->networkSampleSeconds.get()), settings_->networkLearningStartedAt,
-          env_.network.makeSource)) {}
+          env_.network.makeSource)),
+      tweaks_(TweakController::make(
+          [](const std::string& id) -> std::shared_ptr<PreferenceStore> {
+              // Every application's domain is the global one.
+              return std::make_shared<JSONPreferenceStore>(
+                  JSONPreferenceStore::fileForDomain(id == Tweaks::anyApplication ? "NSGlobalDomain" : id));
+          },
+          TweakApplications{
+              [this](const std::string& id) {
+                  std::vector<std::int32_t> pids;
+                  for (const auto& app : env_.applications.runningApplications(id)) pids.push_back(app.processIdentifier);
+                  return pids;
+              },
+              [this](std::int32_t pid) { return env_.applications.terminate(pid); },
+              // The session's applications have one way to end: the quit they honour.
+              [this](std::int32_t pid) { return env_.applications.terminate(pid); },
+              [this](const std::string& url, std::function<void(std::optional<std::string>)> done) {
+                  env_.launcher.openApplication(url, std::move(done));
+              }},
+          env_.scheduler, env_.log)),
+      // The fixed paths the tools are asked for, else the usual folders; the path doctor's
+      // search path takes this place when it is there.
+      programs_(lookupByPathOrName(ToolRunner::fallbackPath(env_.home))),
+      networkTools_(std::make_unique<ToolRun>(programs_)) {}
 
 AppCoordinator::~AppCoordinator() {
     launchAnnouncement_.cancel();

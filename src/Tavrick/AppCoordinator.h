@@ -24,6 +24,9 @@
 #include "NetKit/FilterController.h"
 #include "NetKit/FlowMonitor.h"
 #include "NetKit/NetworkPorts.h"
+#include "DevToolsKit/DiskReclaimProcess.h"
+#include "DevToolsKit/NetworkTools.h"
+#include "TweakKit/TweakController.h"
 #include "WebServerKit/StaticFileServer.h"
 
 #include <cstdint>
@@ -119,6 +122,10 @@ public:
     FilterController& filter() { return *filter_; }
     FlowMonitor& flows() { return *flows_; }
     StaticFileServer& fileServer() { return *fileServer_; }
+    TweakController& tweaks() { return *tweaks_; }
+    // How reclaim and the developer tools find a program.
+    const ProgramLookup& programs() const { return programs_; }
+    ToolRun& networkTools() { return *networkTools_; }
 
     // Serves the folder of the settings, or stops serving when none is set.
     void syncFileServer();
@@ -159,6 +166,9 @@ private:
     Keychain keychain_{env_.secrets};
     std::unique_ptr<FilterController> filter_;
     std::shared_ptr<FlowMonitor> flows_;
+    std::shared_ptr<TweakController> tweaks_;
+    ProgramLookup programs_;
+    std::unique_ptr<ToolRun> networkTools_;
 
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;

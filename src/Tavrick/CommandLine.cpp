@@ -48,6 +48,7 @@ const char* spelling(DiagnosticFlag flag) {
     case DiagnosticFlag::fanProbe: return "--fan-probe";
     case DiagnosticFlag::playTouches: return "--play-touches";
     case DiagnosticFlag::postStroke: return "--post-stroke";
+    case DiagnosticFlag::devReport: return "--dev-report";
     }
     return "";
 }
@@ -58,7 +59,7 @@ const std::vector<DiagnosticFlag>& allFlags() {
         DiagnosticFlag::probeSelection,  DiagnosticFlag::log,          DiagnosticFlag::tapSelfTest,
         DiagnosticFlag::mouseRecorderSelfTest, DiagnosticFlag::vaultSelfTest, DiagnosticFlag::touchIDProbe,
         DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,     DiagnosticFlag::playTouches,
-        DiagnosticFlag::postStroke,
+        DiagnosticFlag::postStroke,      DiagnosticFlag::devReport,
     };
     return flags;
 }

@@ -25,6 +25,9 @@ enum class DiagnosticFlag {
     playTouches,
     // Draws a right-button stroke in a running Tavrick's session.
     postStroke,
+    // Reads and prints the developer tools' view of this machine: caches, clean-up tools,
+    // identity, network. Changes nothing.
+    devReport,
 };
 
 struct DiagnosticCommand {

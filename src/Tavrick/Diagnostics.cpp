@@ -12,6 +12,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -326,6 +327,10 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::mouseRecorderSelfTest: return runMouseRecorderSelfTestAndExit(context);
     case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
     case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
+    case DiagnosticFlag::devReport: {
+        const char* home = std::getenv("HOME");
+        return devReportAndExit(context, home ? home : "");
+    }
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

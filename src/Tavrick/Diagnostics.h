@@ -39,6 +39,9 @@ int postStrokeAndExit(Context& context, const std::string& strokes);
 // A right-button press at `from`, drags in `steps` even steps, and the release at `to`. False, and
 // nothing posted, when the events cannot be made.
 bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);
+// What the developer tools see here: each cache with its size, the clean-up tools found, the
+// large folders, the git and ssh identity and the network facts. Reads only.
+int devReportAndExit(Context& context, const std::filesystem::path& home);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 
