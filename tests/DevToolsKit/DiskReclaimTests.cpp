@@ -2,6 +2,7 @@
 
 #include "CoreKit/ManualScheduler.h"
 #include "Support/TempDir.h"
+#include "Support/Unprivileged.h"
 
 #include <gtest/gtest.h>
 
@@ -128,17 +129,22 @@ TEST_F(Reclaim, EmptyKeepsTheFolderRemovesItsContentsAndRefusesEverythingElse) {
 }
 
 TEST_F(Reclaim, AFileThatCannotGoIsToldAndTheRestGoes) {
-    if (::geteuid() == 0) GTEST_SKIP() << "root removes every file";
     fs::path cache = home / ".cache/uv";
     fs::create_directories(cache / "locked");
     writeFile(cache / "locked/stays", "s");
     writeFile(cache / "goes", "g");
-    fs::permissions(cache / "locked", fs::perms::owner_read | fs::perms::owner_exec);
-    EXPECT_TRUE(DiskReclaim::empty(row("uv"), home, *log).has_value());
-    fs::permissions(cache / "locked", fs::perms::owner_all);
-    EXPECT_FALSE(fs::exists(cache / "goes"));
-    EXPECT_TRUE(fs::exists(cache / "locked/stays"));
-    EXPECT_NE(notes().find("could not remove " + (cache / "locked/stays").string()), std::string::npos);
+    // As an ordinary user, so that a folder without write permission holds on to its file even
+    // when the tests run as root.
+    int status = testing::runUnprivileged(temp.path(), [&] {
+        fs::permissions(cache / "locked", fs::perms::owner_read | fs::perms::owner_exec);
+        if (!DiskReclaim::empty(row("uv"), home, *log)) return 1;
+        fs::permissions(cache / "locked", fs::perms::owner_all);
+        if (fs::exists(cache / "goes")) return 2;
+        if (!fs::exists(cache / "locked/stays")) return 3;
+        if (notes().find("could not remove " + (cache / "locked/stays").string()) == std::string::npos) return 4;
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Reclaim, ToolCleanupsRunAsRealChildrenAndReportInWords) {
