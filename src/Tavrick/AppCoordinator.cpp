@@ -3,10 +3,12 @@
 #include "CoreKit/AppInfo.h"
 #include "CoreKit/Log.h"
 #include "CoreKit/Toast.h"
+#include "DevToolsKit/DiskReclaim.h"
 #include "MonitorKit/ByteFormat.h"
 #include "Platform/Linux/LinuxProcessWatcher.h"
 #include "Platform/Simulated/InMemoryPowerAssertions.h"
 #include "Platform/Simulated/SimulatedPasteboard.h"
+#include "Platform/Linux/JSONPreferenceStore.h"
 
 #include <algorithm>
 #include <cassert>
@@ -64,6 +66,7 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       lid_(std::make_unique<LidWatcher>(*lidJournal_, env_.lidSensors, env_.scheduler, env_.workspace)),
       mouseGestures_(std::make_unique<MouseGestureEngine>(env_.events, env_.scheduler)),
       servers_(LocalServerMonitor::make(env_.processControl, env_.selfPID, &env_.log)),
+      fileServer_(std::make_unique<StaticFileServer>(env_.scheduler, env_.log)),
       permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
       monitor_(std::make_unique<SystemMonitor>(env_.scheduler, env_.systemReadings)),
@@ -95,7 +98,30 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
           {settings_->networkMutedApps.get().begin(), settings_->networkMutedApps.get().end()},
           alertsOnNewApps(settings_->networkAlertMode), alertsOnNewHosts(settings_->networkAlertMode),
           static_cast<int>(settings_->networkSampleSeconds.get()), settings_->networkLearningStartedAt,
-          env_.network.makeSource)) {
+          env_.network.makeSource)),
+      tweaks_(TweakController::make(
+          [](const std::string& id) -> std::shared_ptr<PreferenceStore> {
+              // Every application's domain is the global one.
+              return std::make_shared<JSONPreferenceStore>(
+                  JSONPreferenceStore::fileForDomain(id == Tweaks::anyApplication ? "NSGlobalDomain" : id));
+          },
+          TweakApplications{
+              [this](const std::string& id) {
+                  std::vector<std::int32_t> pids;
+                  for (const auto& app : env_.applications.runningApplications(id)) pids.push_back(app.processIdentifier);
+                  return pids;
+              },
+              [this](std::int32_t pid) { return env_.applications.terminate(pid); },
+              // The session's applications have one way to end: the quit they honour.
+              [this](std::int32_t pid) { return env_.applications.terminate(pid); },
+              [this](const std::string& url, std::function<void(std::optional<std::string>)> done) {
+                  env_.launcher.openApplication(url, std::move(done));
+              }},
+          env_.scheduler, env_.log)),
+      // The fixed paths the tools are asked for, else the usual folders; the path doctor's
+      // search path takes this place when it is there.
+      programs_(lookupByPathOrName(ToolRunner::fallbackPath(env_.home))),
+      networkTools_(std::make_unique<ToolRun>(programs_)) {
     clipboard_->frontmostApplication = env_.frontmostApplication;
     if (auto f = env_.fans) {
         fans_ = std::make_unique<FanMonitor>(env_.scheduler, env_.log, *f->monitorReader, *f->monitorSensors);
@@ -181,6 +207,12 @@ void AppCoordinator::installClosures() {
     networkObservations_.push_back(settings_->networkAlertMode.observe(sync));
     networkObservations_.push_back(settings_->networkSampleSeconds.observe(sync));
     networkObservations_.push_back(settings_->networkMutedApps.observe(sync));
+    auto serve = [weak](const auto&) {
+        if (auto self = weak.lock(); self && self->started_) self->syncFileServer();
+    };
+    networkObservations_.push_back(settings_->serveFolder.observe(serve));
+    networkObservations_.push_back(settings_->servePort.observe(serve));
+    networkObservations_.push_back(settings_->serveOnNetwork.observe(serve));
     // What was learned in the last half minute survives a Quit.
     networkObservations_.push_back(env_.workspace.observe(WorkspaceEvent::willTerminate, [weak](const auto&) {
         if (auto self = weak.lock()) self->flows_->flush();
@@ -267,6 +299,21 @@ void AppCoordinator::start() {
 
     // 15.
     if (settings_->isNetworkMonitorEnabled.get()) networkMonitorChanged(true);
+
+    // The folder the user chose to serve comes back with the program.
+    syncFileServer();
+}
+
+void AppCoordinator::syncFileServer() {
+    const auto& folder = settings_->serveFolder.get();
+    if (folder.empty()) {
+        if (fileServer_->state().get().kind != StaticFileServer::State::Kind::stopped) fileServer_->stop();
+        return;
+    }
+    fileServer_->start(folder, settings_->servePort.get(), settings_->serveOnNetwork.get());
+    if (auto failure = fileServer_->state().get(); failure.kind == StaticFileServer::State::Kind::failed) {
+        Log::core.error("File server did not start: %s", failure.message.c_str());
+    }
 }
 
 void AppCoordinator::syncFlowSettings() {

@@ -33,6 +33,10 @@
 #include "NetKit/NetworkPorts.h"
 #include "NotepadKit/Notepad.h"
 #include "PomodoroKit/PomodoroController.h"
+#include "DevToolsKit/DiskReclaimProcess.h"
+#include "DevToolsKit/NetworkTools.h"
+#include "TweakKit/TweakController.h"
+#include "WebServerKit/StaticFileServer.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -156,6 +160,14 @@ public:
     FlowMonitor& flows() { return *flows_; }
     LocalServerMonitor& servers() { return *servers_; }
     SystemMonitor& monitor() { return *monitor_; }
+    StaticFileServer& fileServer() { return *fileServer_; }
+    TweakController& tweaks() { return *tweaks_; }
+    // How reclaim and the developer tools find a program.
+    const ProgramLookup& programs() const { return programs_; }
+    ToolRun& networkTools() { return *networkTools_; }
+
+    // Serves the folder of the settings, or stops serving when none is set.
+    void syncFileServer();
 
     // Applies the network settings to the watcher.
     void syncFlowSettings();
@@ -207,6 +219,7 @@ private:
     std::unique_ptr<LidWatcher> lid_;
     std::unique_ptr<MouseGestureEngine> mouseGestures_;
     std::shared_ptr<LocalServerMonitor> servers_;
+    std::unique_ptr<StaticFileServer> fileServer_;
     std::unique_ptr<PermissionsMonitor> permissions_;
     std::unique_ptr<AppSettings> settings_;
     std::unique_ptr<SystemMonitor> monitor_;
@@ -222,6 +235,9 @@ private:
     std::unique_ptr<FanController> fanControl_;
     std::unique_ptr<ClipboardMonitor> clipboard_;
     std::shared_ptr<FlowMonitor> flows_;
+    std::shared_ptr<TweakController> tweaks_;
+    ProgramLookup programs_;
+    std::unique_ptr<ToolRun> networkTools_;
     bool pomodoroHoldsAwake_ = false;
     // Set while the clipboard and its settings are being brought in line with each other.
     bool mirroringClipboard_ = false;

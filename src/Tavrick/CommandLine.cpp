@@ -50,6 +50,7 @@ const char* spelling(DiagnosticFlag flag) {
     case DiagnosticFlag::postStroke: return "--post-stroke";
     case DiagnosticFlag::systemReport: return "--system-report";
     case DiagnosticFlag::stopServer: return "--stop-server";
+    case DiagnosticFlag::devReport: return "--dev-report";
     }
     return "";
 }
@@ -61,6 +62,7 @@ const std::vector<DiagnosticFlag>& allFlags() {
         DiagnosticFlag::mouseRecorderSelfTest, DiagnosticFlag::vaultSelfTest, DiagnosticFlag::touchIDProbe,
         DiagnosticFlag::tapProbe,        DiagnosticFlag::fanProbe,     DiagnosticFlag::playTouches,
         DiagnosticFlag::postStroke,      DiagnosticFlag::systemReport, DiagnosticFlag::stopServer,
+        DiagnosticFlag::devReport,
     };
     return flags;
 }

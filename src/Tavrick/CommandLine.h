@@ -29,6 +29,9 @@ enum class DiagnosticFlag {
     systemReport,
     // Stops a listening process by its pid, politely, and by force only when asked and ignored.
     stopServer,
+    // Reads and prints the developer tools' view of this machine: caches, clean-up tools,
+    // identity, network. Changes nothing.
+    devReport,
 };
 
 struct DiagnosticCommand {

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -329,6 +330,10 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::fanProbe: return runFanProbeAndExit(context, command.boostSeconds, command.release);
     case DiagnosticFlag::systemReport: return systemReportAndExit(context);
     case DiagnosticFlag::stopServer: return stopServerAndExit(context, command.pid, command.force);
+    case DiagnosticFlag::devReport: {
+        const char* home = std::getenv("HOME");
+        return devReportAndExit(context, home ? home : "");
+    }
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

@@ -49,6 +49,9 @@ int systemReportAndExit(Context& context);
 // Stops the listening process `pid` with SIGTERM and reports the outcome; with `force`, one that
 // ignored the request is then ended with SIGKILL.
 int stopServerAndExit(Context& context, std::int32_t pid, bool force);
+// What the developer tools see here: each cache with its size, the clean-up tools found, the
+// large folders, the git and ssh identity and the network facts. Reads only.
+int devReportAndExit(Context& context, const std::filesystem::path& home);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

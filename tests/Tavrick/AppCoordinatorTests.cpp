@@ -458,3 +458,20 @@ TEST_F(CoordinatorTest, WithoutFanControlAFanActionSaysSo) {
               }), lines.end());
     EXPECT_TRUE(presenter->lines.empty());
 }
+
+TEST_F(CoordinatorTest, TheFileServerFollowsItsSettingsOnceStarted) {
+    std::filesystem::create_directories(root / "site");
+    make();
+    coordinator->settings().servePort.set(0);
+    coordinator->settings().serveFolder.set((root / "site").string());
+    EXPECT_FALSE(coordinator->fileServer().isRunning()) << "nothing listens before the deferred start";
+    coordinator->start();
+    ASSERT_TRUE(coordinator->fileServer().isRunning()) << coordinator->fileServer().state().get().message;
+    EXPECT_FALSE(coordinator->fileServer().isOnNetwork().get());
+    coordinator->settings().serveOnNetwork.set(true);
+    EXPECT_TRUE(coordinator->fileServer().isOnNetwork().get());
+    coordinator->settings().serveFolder.set((root / "gone").string());
+    EXPECT_EQ(coordinator->fileServer().state().get(), StaticFileServer::State::failed("That folder is not there any more."));
+    coordinator->settings().serveFolder.set("");
+    EXPECT_EQ(coordinator->fileServer().state().get(), StaticFileServer::State::stopped());
+}

@@ -43,6 +43,8 @@ TEST(CommandLine, FlagArgumentsAreParsedOrTheFlagIsIgnored) {
         {{"tavrick"}, std::nullopt},
         {{"tavrick", "--verbose"}, std::nullopt},
         {{"tavrick", "--diagnose"}, command(DiagnosticFlag::diagnose)},
+        {{"tavrick", "--dev-report"}, command(DiagnosticFlag::devReport)},
+        {{"tavrick", "--dev-report", "--diagnose"}, command(DiagnosticFlag::diagnose)},
         {{"tavrick", "--post-key", "12", "9"}, postKey(12, 9)},
         {{"tavrick", "--post-key", "65535", "-1"}, postKey(65535, -1)},
         {{"tavrick", "--post-key", "+7", "+4"}, postKey(7, 4)},
