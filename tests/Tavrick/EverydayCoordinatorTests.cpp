@@ -40,18 +40,25 @@ protected:
 
 } // namespace
 
-TEST_F(EverydayTest, TheToggleActionStartsAndEndsKeepAwakeAndTheLogSaysSo) {
+TEST_F(EverydayTest, TheKeepAwakeAndClipboardActionsDoTheirWorkAndTheLogSaysSo) {
     auto& app = make();
     app.start();
     EXPECT_TRUE(noted("[launch] keep-awake holds an assertion held in memory only (no system bus with logind here), so "
                       "nothing stops the machine idling"));
     app.actions().run(ActionSpec::toggleAwake());
-    EXPECT_TRUE(app.awake().isActive().get());
     EXPECT_EQ(assertions->held().size(), 1u);
     EXPECT_TRUE(noted("[awake] keep-awake on — Indefinitely, Keep display on"));
     app.actions().run(ActionSpec::toggleAwake());
     EXPECT_TRUE(assertions->held().empty());
     EXPECT_TRUE(noted("[awake] keep-awake off"));
+
+    // Showing the clipboard opens Settings once the menu is ready.
+    app.actions().run(ActionSpec::showClipboardHistory());
+    EXPECT_TRUE(noted("[window] asked to open Settings before the menu bar was ready"));
+    int opened = 0;
+    app.presentSettings = [&] { ++opened; };
+    app.actions().run(ActionSpec::showClipboardHistory());
+    EXPECT_EQ(opened, 1);
 }
 
 TEST_F(EverydayTest, FocusHoldsKeepAwakeAndABreakLetsGoOfIt) {
@@ -170,17 +177,6 @@ TEST_F(EverydayTest, TheClipboardFollowsItsSettingsAndWritesChangesBack) {
     EXPECT_EQ(app.clipboard().policy().get().maximumItems, 10);
     EXPECT_TRUE(app.clipboard().policy().get().clearOnQuit);
     EXPECT_FALSE(app.clipboard().isEnabled().get());
-}
-
-TEST_F(EverydayTest, ShowClipboardOpensSettingsOnceTheMenuIsReady) {
-    auto& app = make();
-    app.start();
-    app.actions().run(ActionSpec::showClipboardHistory());
-    EXPECT_TRUE(noted("[window] asked to open Settings before the menu bar was ready"));
-    int opened = 0;
-    app.presentSettings = [&] { ++opened; };
-    app.actions().run(ActionSpec::showClipboardHistory());
-    EXPECT_EQ(opened, 1);
 }
 
 TEST_F(EverydayTest, TheLidIsDescribedAtLaunchAndWatchedFromThen) {
