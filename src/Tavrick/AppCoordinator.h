@@ -31,6 +31,7 @@
 #include "NetKit/NetworkPorts.h"
 #include "NotepadKit/Notepad.h"
 #include "PomodoroKit/PomodoroController.h"
+#include "VaultKit/Vault.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -100,6 +101,8 @@ struct AppEnvironment {
     std::function<std::optional<ClipboardSourceApp>()> frontmostApplication = {};
     // Fan control; without it the fan actions say so in the log.
     std::shared_ptr<FanEnvironment> fans = nullptr;
+    // What can stand in front of the vault's stored passphrase; unset means this machine's.
+    std::shared_ptr<Authenticator> authenticator = nullptr;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -154,6 +157,7 @@ public:
     // Turns the network watcher on or off and stores the choice.
     void setNetworkMonitor(bool enabled);
     Notepad& notepad() { return *notepad_; }
+    Vault& vault() { return *vault_; }
     AwakeController& awake() { return *awake_; }
     LidWatcher& lid() { return *lid_; }
     PomodoroController& pomodoro() { return *pomodoro_; }
@@ -194,6 +198,7 @@ private:
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
     std::unique_ptr<Notepad> notepad_;
+    std::unique_ptr<Vault> vault_;
     std::unique_ptr<AwakeController> awake_;
     std::unique_ptr<LidJournal> lidJournal_;
     std::unique_ptr<LidWatcher> lid_;

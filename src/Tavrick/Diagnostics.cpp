@@ -327,6 +327,8 @@ int run(Context& context, const DiagnosticCommand& command) {
     case DiagnosticFlag::playTouches: return playTouchesAndExit(context, command.file);
     case DiagnosticFlag::postStroke: return postStrokeAndExit(context, command.strokes);
     case DiagnosticFlag::fanProbe: return runFanProbeAndExit(context, command.boostSeconds, command.release);
+    case DiagnosticFlag::vaultSelfTest: return runVaultSelfTestAndExit(context);
+    case DiagnosticFlag::touchIDProbe: return runTouchIDProbeAndExit(context);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

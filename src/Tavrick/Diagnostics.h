@@ -43,6 +43,11 @@ bool postRightDrag(EventSystem& events, Point from, Point to, int steps = 8);
 // Reads the simulated fan controller and asks the real helper; with seconds it boosts to Max for
 // that long and hands back; with `release` it hands back every manual fan.
 int runFanProbeAndExit(Context& context, std::optional<double> boostSeconds, bool release);
+// Seals a test vault into the secret store, checks the stored bytes hold nothing readable,
+// and leaves that record in place for another process to inspect.
+int runVaultSelfTestAndExit(Context& context);
+// What could stand in front of a stored key on this machine, and which item shapes hold one.
+int runTouchIDProbeAndExit(Context& context);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

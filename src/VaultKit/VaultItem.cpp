@@ -361,7 +361,7 @@ nlohmann::json toJSON(const VaultItem& item) {
             {"kind", std::string(VaultKinds::id(item.kind))},
             {"title", item.title},
             {"values", std::move(values)},
-            {"updated", item.updated - referenceDateOffset}};
+            {"updated", item.updated - VaultItem::referenceDateOffset}};
 }
 
 VaultItem vaultItemFromJSON(const nlohmann::json& json) {
@@ -384,7 +384,7 @@ VaultItem vaultItemFromJSON(const nlohmann::json& json) {
         item.set(field, text.get<std::string>());
     }
     if (!json.at("updated").is_number()) throw std::invalid_argument("bad date");
-    item.updated = json.at("updated").get<double>() + referenceDateOffset;
+    item.updated = json.at("updated").get<double>() + VaultItem::referenceDateOffset;
     return item;
 }
 

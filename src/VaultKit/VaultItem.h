@@ -94,6 +94,8 @@ struct VaultItem {
     std::map<std::string, std::string> values;
     // Seconds since 1970; the JSON form counts from 2001 as the original encoder did.
     double updated = 0;
+    // Seconds between 1970 and 2001-01-01, the epoch of the stored `updated`.
+    static constexpr double referenceDateOffset = 978307200.0;
 
     std::optional<std::string> value(const std::string& field) const;
     // An empty value once trimmed removes the key; anything else is kept exactly as given.
@@ -104,9 +106,6 @@ struct VaultItem {
     VaultEntry entry() const;
     friend bool operator==(const VaultItem&, const VaultItem&) = default;
 };
-
-// Seconds between 1970 and 2001-01-01, the epoch of the stored `updated`.
-inline constexpr double referenceDateOffset = 978307200.0;
 
 nlohmann::json toJSON(const VaultItem& item);
 // Throws std::invalid_argument for anything that is not exactly an item.

@@ -143,7 +143,7 @@ TEST(VaultItem, JSONFormIsExactAndStrict) {
     item.kind = VaultKind::apiKey;
     item.title = "t";
     item.set("key", "k");
-    item.updated = referenceDateOffset + 10.25;
+    item.updated = VaultItem::referenceDateOffset + 10.25;
     const auto json = toJSON(item);
     EXPECT_EQ(json["id"], "0F8FAD5B-D9CB-469F-A165-70867728950E");
     EXPECT_EQ(json["kind"], "apiKey");
