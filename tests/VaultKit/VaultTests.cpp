@@ -69,6 +69,11 @@ TEST(Vault, CreatesSavesLocksAndUnlocksWithoutLeakingIntoTheStore) {
     for (const char* secret : {"4111", "Zeta", "alpha", "card", "cvv", "123"})
         EXPECT_EQ(bytes.find(secret), std::string::npos) << secret;
 
+    // Creating again never writes over the vault that is there.
+    EXPECT_EQ(f.run([&](auto done) { f.vault->create(std::nullopt, done); }),
+              "The stored vault could not be read. It may be damaged.");
+    EXPECT_EQ(f.stored(), bytes);
+
     f.vault->lock();
     EXPECT_TRUE(f.vault->items.get().empty());
     EXPECT_EQ(f.run([&](auto done) { f.vault->unlock("long enough passphrase!", done); }),
@@ -192,6 +197,9 @@ TEST(Vault, ChangingThePassphraseDisarmsTheShortcut) {
     EXPECT_TRUE(f.vault->hasUnlockShortcut());
 
     f.vault->lock();
+    // Showing without a passphrase is only for a vault that has none.
+    EXPECT_THROW(f.vault->open(), VaultCrypto::Error);
+    EXPECT_EQ(f.vault->lastError.get(), "That passphrase does not open this vault.");
     EXPECT_EQ(f.run([&](auto done) { f.vault->unlockWithShortcut(done); }), std::nullopt);
     EXPECT_TRUE(f.vault->isUnlocked.get());
     f.vault->lock();
