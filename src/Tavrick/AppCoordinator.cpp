@@ -5,6 +5,7 @@
 #include "CoreKit/Toast.h"
 #include "DevToolsKit/DiskReclaim.h"
 #include "MonitorKit/ByteFormat.h"
+#include "Platform/Linux/LinuxAuthenticator.h"
 #include "Platform/Linux/LinuxProcessWatcher.h"
 #include "Platform/Simulated/InMemoryPowerAssertions.h"
 #include "Platform/Simulated/SimulatedPasteboard.h"
@@ -31,6 +32,7 @@ std::string launchLine(const std::string& version, const std::string& build, con
 AppEnvironment withStandIns(AppEnvironment environment) {
     if (environment.supportDirectory.empty()) environment.supportDirectory = environment.mappingsFile.parent_path();
     if (!environment.pasteboard) environment.pasteboard = std::make_shared<SimulatedPasteboard>();
+    if (!environment.authenticator) environment.authenticator = std::make_shared<LinuxAuthenticator>();
     if (!environment.powerAssertions) environment.powerAssertions = std::make_shared<InMemoryPowerAssertions>();
     if (!environment.processes) environment.processes = std::make_shared<LinuxProcessWatcher>();
     return environment;
@@ -60,6 +62,8 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       store_(std::make_unique<MappingStore>(env_.mappingsFile, env_.log, env_.scheduler.clock())),
       notepad_(std::make_unique<Notepad>(env_.supportDirectory / Notepad::fileName, notepadDebounce, env_.scheduler,
                                          env_.log)),
+      vault_(std::make_unique<Vault>(VaultKeychain(env_.secrets, VaultKeychain::defaultService), *env_.authenticator,
+                                     env_.scheduler)),
       awake_(std::make_unique<AwakeController>(*env_.powerAssertions, *env_.processes, env_.scheduler,
                                                AppInfo::displayName())),
       lidJournal_(std::make_unique<LidJournal>(env_.defaults)),
@@ -283,6 +287,9 @@ void AppCoordinator::start() {
 
     // 7. The launch announcement, two seconds on.
     announceLaunch();
+
+    // 8. What could unlock the vault besides its passphrase.
+    env_.log.note("vault", Biometrics(*env_.authenticator).note());
 
     // 10. The engines get the mappings before they start.
     hotkeys_->update(store_->mappings().get());

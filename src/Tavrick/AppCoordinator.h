@@ -37,6 +37,7 @@
 #include "DevToolsKit/NetworkTools.h"
 #include "TweakKit/TweakController.h"
 #include "WebServerKit/StaticFileServer.h"
+#include "VaultKit/Vault.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -110,6 +111,8 @@ struct AppEnvironment {
     SystemReadings systemReadings{};
     ProcessControl processControl{};
     std::int32_t selfPID = 0;
+    // What can stand in front of the vault's stored passphrase; unset means this machine's.
+    std::shared_ptr<Authenticator> authenticator = nullptr;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -174,6 +177,7 @@ public:
     // Turns the network watcher on or off and stores the choice.
     void setNetworkMonitor(bool enabled);
     Notepad& notepad() { return *notepad_; }
+    Vault& vault() { return *vault_; }
     AwakeController& awake() { return *awake_; }
     LidWatcher& lid() { return *lid_; }
     PomodoroController& pomodoro() { return *pomodoro_; }
@@ -214,6 +218,7 @@ private:
     // Construction order is the start-up order of the services.
     std::unique_ptr<MappingStore> store_;
     std::unique_ptr<Notepad> notepad_;
+    std::unique_ptr<Vault> vault_;
     std::unique_ptr<AwakeController> awake_;
     std::unique_ptr<LidJournal> lidJournal_;
     std::unique_ptr<LidWatcher> lid_;

@@ -334,6 +334,8 @@ int run(Context& context, const DiagnosticCommand& command) {
         const char* home = std::getenv("HOME");
         return devReportAndExit(context, home ? home : "");
     }
+    case DiagnosticFlag::vaultSelfTest: return runVaultSelfTestAndExit(context);
+    case DiagnosticFlag::touchIDProbe: return runTouchIDProbeAndExit(context);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

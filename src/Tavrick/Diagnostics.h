@@ -52,6 +52,11 @@ int stopServerAndExit(Context& context, std::int32_t pid, bool force);
 // What the developer tools see here: each cache with its size, the clean-up tools found, the
 // large folders, the git and ssh identity and the network facts. Reads only.
 int devReportAndExit(Context& context, const std::filesystem::path& home);
+// Seals a test vault into the secret store, checks the stored bytes hold nothing readable,
+// and leaves that record in place for another process to inspect.
+int runVaultSelfTestAndExit(Context& context);
+// What could stand in front of a stored key on this machine, and which item shapes hold one.
+int runTouchIDProbeAndExit(Context& context);
 // "<flag> is not available in this build yet."
 int notAvailableAndExit(std::ostream& out, DiagnosticFlag flag);
 

@@ -75,6 +75,8 @@ TEST_F(CoordinatorTest, StartWritesTheLaunchNotesInOrderAndAnnouncesTwoSecondsLa
     EXPECT_EQ(lines[0], "[launch] Tavrick 1.2.3 (45) macOS Debian 12, accessibility=granted, inputMonitoring=denied, mappings=2");
     EXPECT_EQ(lines[1], "[launch] selection bar=off, copy-on-select=off");
     EXPECT_EQ(lines[2], "[launch] menu layout — nothing hidden");
+    // Nothing here can stand in front of the vault's passphrase.
+    EXPECT_EQ(lines[3], "[vault] cannot unlock without the passphrase: no way to authenticate on this Mac");
     EXPECT_TRUE(presenter->lines.empty());
 
     scheduler.advance(1.9);

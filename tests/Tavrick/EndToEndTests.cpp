@@ -40,8 +40,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
 TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     TempDir root;
     const std::vector<std::vector<std::string>> commands = {
-        {"--diagnose"},       {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"},
-        {"--vault-selftest"}, {"--touchid-probe"},
+        {"--diagnose"}, {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"},
     };
     for (const auto& command : commands) {
         std::vector<std::string> arguments{binary};
