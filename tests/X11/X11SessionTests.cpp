@@ -65,6 +65,10 @@ XRect serverOuterFrame(xcb_connection_t* c, xcb_window_t window) {
     return result;
 }
 
+std::string describe(XRect r) {
+    return std::to_string(r.x) + "," + std::to_string(r.y) + " " + std::to_string(r.width) + "x" + std::to_string(r.height);
+}
+
 class X11Session : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -76,7 +80,7 @@ protected:
         ASSERT_TRUE(connection);
         std::filesystem::create_directories(applications.path());
         std::ofstream(applications.path() / "editor.desktop") << "[Desktop Entry]\nName=Editor\nType=Application\n";
-        desktop = std::make_unique<X11Desktop>(connection, std::vector<std::filesystem::path>{applications.path()});
+        desktop = std::make_shared<X11Desktop>(connection, std::vector<std::filesystem::path>{applications.path()});
         user = std::make_unique<FakeUser>(session->display());
     }
 
@@ -99,7 +103,7 @@ protected:
     std::unique_ptr<XSession> session;
     std::shared_ptr<X11Connection> connection;
     testing::TempDir applications;
-    std::unique_ptr<X11Desktop> desktop;
+    std::shared_ptr<X11Desktop> desktop;
     std::unique_ptr<FakeUser> user;
 };
 
@@ -230,11 +234,12 @@ protected:
         // what it uses.
         std::weak_ptr<WindowManager> manager = windows;
         std::weak_ptr<Fired> record = fired;
-        X11Desktop* front = desktop.get();
-        engine->setOnTrigger([manager, record, front](const Mapping& mapping) {
+        std::weak_ptr<X11Desktop> weakDesktop = desktop;
+        engine->setOnTrigger([manager, record, weakDesktop](const Mapping& mapping) {
             auto log = record.lock();
             auto windows = manager.lock();
-            if (!log || !windows) return;
+            auto front = weakDesktop.lock();
+            if (!log || !windows || !front) return;
             {
                 std::lock_guard guard(log->lock);
                 log->names.push_back(mapping.name);
@@ -320,7 +325,7 @@ TEST_F(X11Keys, EveryWindowCommandOnABoundKeyGivesTheExactOuterFrameOnBothMonito
     const double primaryHeight = WindowLayout::primaryDisplayHeight(screens);
     for (const bool onRight : {false, true}) {
         // Start each round on one monitor, then run every command but the display moves.
-        XRect start = onRight ? XRect{1100, 100, 400, 300} : XRect{100, 100, 400, 300};
+        XRect start = onRight ? XRect{1100, 100, 400, 300} : XRect{150, 120, 400, 300};
         for (std::size_t i = 0; i < commands.size(); ++i) {
             const auto command = commands[i];
             if (command == WindowCommand::nextDisplay || command == WindowCommand::previousDisplay ||
@@ -337,16 +342,22 @@ TEST_F(X11Keys, EveryWindowCommandOnABoundKeyGivesTheExactOuterFrameOnBothMonito
             const auto expected = WindowLayout::accessibilityFrame(*target, primaryHeight);
             const XRect wanted{int(std::lround(expected.origin.x)), int(std::lround(expected.origin.y)),
                                int(std::lround(expected.size.width)), int(std::lround(expected.size.height))};
+            ASSERT_TRUE(eventually([&] { return serverOuterFrame(client->connection(), client->window()) == start; }))
+                << describe(serverOuterFrame(client->connection(), client->window())) << " before " << rawValue(command);
+            const auto before = serverOuterFrame(client->connection(), client->window());
             user->chord({XKB_KEY_Control_L, XKB_KEY_Alt_L}, letters[i]);
             EXPECT_TRUE(eventually([&] { return serverOuterFrame(client->connection(), client->window()) == wanted; }))
-                << rawValue(command) << (onRight ? " on the right" : " on the left");
+                << describe(serverOuterFrame(client->connection(), client->window())) << " " << rawValue(command) << (onRight ? " on the right" : " on the left");
+            // The manager may still be finishing its last write; the next round starts after it.
+            windows->queue().sync([] {});
 
             if (command == WindowCommand::leftHalf) {
                 // Restore brings back the frame from before the command.
                 const auto restoreIndex = std::find(commands.begin(), commands.end(), WindowCommand::restore) - commands.begin();
                 user->chord({XKB_KEY_Control_L, XKB_KEY_Alt_L}, letters[restoreIndex]);
-                EXPECT_TRUE(eventually([&] { return serverOuterFrame(client->connection(), client->window()) == start; }))
-                    << "restore";
+                EXPECT_TRUE(eventually([&] { return serverOuterFrame(client->connection(), client->window()) == before; }))
+                    << "restore to " << describe(before) << ": " << describe(serverOuterFrame(client->connection(), client->window()));
+                windows->queue().sync([] {});
             }
         }
     }

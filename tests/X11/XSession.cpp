@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -217,18 +218,25 @@ void TestWindow::destroy() {
 
 bool TestWindow::waitMapped(double timeoutSeconds) {
     const auto extents = intern(connection_, "_NET_FRAME_EXTENTS");
-    return eventually(
+    bool viewable = false;
+    bool framed = false;
+    const bool mapped = eventually(
         [&] {
             auto* attributes = xcb_get_window_attributes_reply(connection_, xcb_get_window_attributes(connection_, window_), nullptr);
-            const bool viewable = attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE;
+            viewable = attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE;
             std::free(attributes);
             auto* property = xcb_get_property_reply(
                 connection_, xcb_get_property(connection_, 0, window_, extents, XCB_ATOM_CARDINAL, 0, 4), nullptr);
-            const bool framed = property && xcb_get_property_value_length(property) == 16;
+            framed = property && xcb_get_property_value_length(property) == 16;
             std::free(property);
             return viewable && framed;
         },
         timeoutSeconds);
+    if (!mapped) {
+        std::fprintf(stderr, "window 0x%x: viewable %d, frame extents %d, connection error %d\n", window_, viewable, framed,
+                     xcb_connection_has_error(connection_));
+    }
+    return mapped;
 }
 
 void TestWindow::pump() {

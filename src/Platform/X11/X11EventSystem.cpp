@@ -115,7 +115,9 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     std::vector<Tap> tapsFor(EventType type) const;
     // Offers an event to the taps, newest first; nothing when one swallowed it.
     std::optional<Event> offer(EventType type, Event event, bool canSwallow);
-    void fakeKey(xcb_keycode_t keycode, bool press);
+    // Sends one key through XTest, marked as ours when it comes back. `state` is the modifier
+    // state the server will have when it arrives, kept up to date as keys are sent.
+    void fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state);
 };
 
 void X11EventSystem::Core::start() {
@@ -161,7 +163,8 @@ void X11EventSystem::Core::stop() {
             ungrabAll();
             // A press still frozen for the taps goes on to its window.
             xcb_allow_events(x->xcb(), XCB_ALLOW_REPLAY_KEYBOARD, XCB_CURRENT_TIME);
-            for (auto keycode : pressedForPost) fakeKey(keycode, false);
+            auto state = heldState();
+            for (auto keycode : pressedForPost) fakeKey(keycode, false, state);
             xcb_flush(x->xcb());
         }
     }
@@ -490,12 +493,14 @@ void X11EventSystem::Core::remap() {
     for (const auto& observer : observers) (*observer)();
 }
 
-void X11EventSystem::Core::fakeKey(xcb_keycode_t keycode, bool press) {
+void X11EventSystem::Core::fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state) {
     xcb_test_fake_input(x->xcb(), press ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
-    const auto state = heldState();
     oursRaw.insert({keycode, press});
     const auto clean = static_cast<std::uint16_t>(state & ~(X11KeyMap::lockMask | masks.numLock | masks.scrollLock));
     if (grabs.contains(Grab{keycode, clean})) oursGrabbed.insert({keycode, press});
+    if (auto bit = modifierBits.find(keycode); bit != modifierBits.end()) {
+        state = static_cast<std::uint16_t>(press ? state | bit->second : state & ~bit->second);
+    }
 }
 
 X11EventSystem::X11EventSystem(std::unique_ptr<X11Connection> connection)
@@ -574,6 +579,7 @@ void X11EventSystem::post(const Event& event) {
             return;
         }
         const auto keycode = keycodes.front();
+        auto state = core.heldState();
         if (event.type == EventType::keyDown) {
             // The user's own modifiers (still held from the shortcut that started this) are let go
             // so that only the keystroke's own count, and pressed again afterwards.
@@ -583,7 +589,7 @@ void X11EventSystem::post(const Event& event) {
             for (auto held : core.held) {
                 if (core.modifierBits.contains(held)) core.releasedForPost.push_back(held);
             }
-            for (auto held : core.releasedForPost) core.fakeKey(held, false);
+            for (auto held : core.releasedForPost) core.fakeKey(held, false, state);
             const std::array<std::pair<Modifiers, xcb_keysym_t>, 4> roles{{{Modifiers::shift, modifierKeysyms[0]},
                                                                            {Modifiers::control, modifierKeysyms[1]},
                                                                            {Modifiers::option, modifierKeysyms[2]},
@@ -592,17 +598,17 @@ void X11EventSystem::post(const Event& event) {
                 if (!wanted.contains(modifier)) continue;
                 for (const auto& [kc, code] : core.keyCodes) {
                     if (X11KeyMap::keysym(code) == modifierSym) {
-                        core.fakeKey(kc, true);
+                        core.fakeKey(kc, true, state);
                         core.pressedForPost.push_back(kc);
                         break;
                     }
                 }
             }
-            core.fakeKey(keycode, true);
+            core.fakeKey(keycode, true, state);
         } else {
-            core.fakeKey(keycode, false);
-            for (auto it = core.pressedForPost.rbegin(); it != core.pressedForPost.rend(); ++it) core.fakeKey(*it, false);
-            for (auto held : core.releasedForPost) core.fakeKey(held, true);
+            core.fakeKey(keycode, false, state);
+            for (auto it = core.pressedForPost.rbegin(); it != core.pressedForPost.rend(); ++it) core.fakeKey(*it, false, state);
+            for (auto held : core.releasedForPost) core.fakeKey(held, true, state);
             core.pressedForPost.clear();
             core.releasedForPost.clear();
         }
