@@ -480,8 +480,18 @@ TEST_F(X11Keys, AKeystrokeThisProgramSendsReachesTheWindowAndFiresNothing) {
     user->press(control);
     user->sync();
     ASSERT_TRUE(events->sync());
-    ASSERT_TRUE(events->postKeyPress(7 /* X */, EventFlags::command));
-    ASSERT_TRUE(events->postKeyPress(123, (Modifiers::control | Modifiers::option).cgFlags()));
+    // Sent the way the keystroke action sends: both halves marked as the program's own.
+    auto send = [&](std::uint16_t keyCode, Modifiers modifiers) {
+        for (bool down : {true, false}) {
+            auto event = events->makeKeyboardEvent(keyCode, down);
+            ASSERT_TRUE(event);
+            event->flags = modifiers.cgFlags();
+            SyntheticEvents::mark(*event);
+            events->post(*event);
+        }
+    };
+    send(7 /* X */, Modifiers::command);
+    send(123, controlOption);
     ASSERT_TRUE(events->sync());
     user->release(control);
     user->sync();
@@ -497,6 +507,21 @@ TEST_F(X11Keys, AKeystrokeThisProgramSendsReachesTheWindowAndFiresNothing) {
     const auto it = std::find_if(heard.begin(), heard.end(), [](const Event& e) { return e.keyCode == 7; });
     EXPECT_TRUE(SyntheticEvents::isOurs(*it));
     EXPECT_EQ(Modifiers::fromCGFlags(it->flags), Modifiers::command);
+}
+
+TEST_F(X11Keys, AnUnmarkedSyntheticChordFiresLikeTheUsersOwnAsTheSelfTestNeeds) {
+    engine->update({mapping("Self-test", 1 /* S */, Modifiers::option, ActionSpec::toggleAwake())});
+    ASSERT_TRUE(events->postKeyPress(1, EventFlags::option));
+    EXPECT_TRUE(eventually([&] { return firedCount() == 1; }));
+    // Nothing is left held: a plain S afterwards carries no modifier and fires nothing.
+    ASSERT_TRUE(events->postKeyPress(1, 0));
+    ASSERT_TRUE(events->sync());
+    xcb_query_keymap_reply_t* keymap = xcb_query_keymap_reply(user->connection(), xcb_query_keymap(user->connection()), nullptr);
+    ASSERT_TRUE(keymap);
+    const auto alt = user->keycode(XKB_KEY_Alt_L);
+    EXPECT_EQ(keymap->keys[alt / 8] & (1 << (alt % 8)), 0) << "Alt is still held";
+    std::free(keymap);
+    EXPECT_EQ(firedCount(), 1u);
 }
 
 TEST_F(X11Keys, TheServerGoingAwayIsToldOnceAndLeavesNothingHanging) {

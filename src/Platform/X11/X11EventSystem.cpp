@@ -117,7 +117,7 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     std::optional<Event> offer(EventType type, Event event, bool canSwallow);
     // Sends one key through XTest, marked as ours when it comes back. `state` is the modifier
     // state the server will have when it arrives, kept up to date as keys are sent.
-    void fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state);
+    void fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state, bool ours);
 };
 
 void X11EventSystem::Core::start() {
@@ -164,7 +164,7 @@ void X11EventSystem::Core::stop() {
             // A press still frozen for the taps goes on to its window.
             xcb_allow_events(x->xcb(), XCB_ALLOW_REPLAY_KEYBOARD, XCB_CURRENT_TIME);
             auto state = heldState();
-            for (auto keycode : pressedForPost) fakeKey(keycode, false, state);
+            for (auto keycode : pressedForPost) fakeKey(keycode, false, state, true);
             xcb_flush(x->xcb());
         }
     }
@@ -493,8 +493,14 @@ void X11EventSystem::Core::remap() {
     for (const auto& observer : observers) (*observer)();
 }
 
-void X11EventSystem::Core::fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state) {
+void X11EventSystem::Core::fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state, bool ours) {
     xcb_test_fake_input(x->xcb(), press ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    if (!ours) {
+        if (auto bit = modifierBits.find(keycode); bit != modifierBits.end()) {
+            state = static_cast<std::uint16_t>(press ? state | bit->second : state & ~bit->second);
+        }
+        return;
+    }
     oursRaw.insert({keycode, press});
     const auto clean = static_cast<std::uint16_t>(state & ~(X11KeyMap::lockMask | masks.numLock | masks.scrollLock));
     if (grabs.contains(Grab{keycode, clean})) oursGrabbed.insert({keycode, press});
@@ -580,6 +586,8 @@ void X11EventSystem::post(const Event& event) {
         }
         const auto keycode = keycodes.front();
         auto state = core.heldState();
+        // Only what the caller marked as the program's own comes back marked.
+        const bool ours = SyntheticEvents::isOurs(event);
         if (event.type == EventType::keyDown) {
             // The user's own modifiers (still held from the shortcut that started this) are let go
             // so that only the keystroke's own count, and pressed again afterwards.
@@ -589,7 +597,7 @@ void X11EventSystem::post(const Event& event) {
             for (auto held : core.held) {
                 if (core.modifierBits.contains(held)) core.releasedForPost.push_back(held);
             }
-            for (auto held : core.releasedForPost) core.fakeKey(held, false, state);
+            for (auto held : core.releasedForPost) core.fakeKey(held, false, state, ours);
             const std::array<std::pair<Modifiers, xcb_keysym_t>, 4> roles{{{Modifiers::shift, modifierKeysyms[0]},
                                                                            {Modifiers::control, modifierKeysyms[1]},
                                                                            {Modifiers::option, modifierKeysyms[2]},
@@ -598,17 +606,17 @@ void X11EventSystem::post(const Event& event) {
                 if (!wanted.contains(modifier)) continue;
                 for (const auto& [kc, code] : core.keyCodes) {
                     if (X11KeyMap::keysym(code) == modifierSym) {
-                        core.fakeKey(kc, true, state);
+                        core.fakeKey(kc, true, state, ours);
                         core.pressedForPost.push_back(kc);
                         break;
                     }
                 }
             }
-            core.fakeKey(keycode, true, state);
+            core.fakeKey(keycode, true, state, ours);
         } else {
-            core.fakeKey(keycode, false, state);
-            for (auto it = core.pressedForPost.rbegin(); it != core.pressedForPost.rend(); ++it) core.fakeKey(*it, false, state);
-            for (auto held : core.releasedForPost) core.fakeKey(held, true, state);
+            core.fakeKey(keycode, false, state, ours);
+            for (auto it = core.pressedForPost.rbegin(); it != core.pressedForPost.rend(); ++it) core.fakeKey(*it, false, state, ours);
+            for (auto held : core.releasedForPost) core.fakeKey(held, true, state, ours);
             core.pressedForPost.clear();
             core.releasedForPost.clear();
         }
