@@ -9,6 +9,7 @@
 #include "CoreKit/EventTap.h"
 #include "CoreKit/SyntheticEvents.h"
 #include "HotkeyEngine/HotkeyEngine.h"
+#include "MouseGestureKit/MouseGestureEngine.h"
 #include "Platform/X11/X11Connection.h"
 #include "Platform/X11/X11Desktop.h"
 #include "Platform/X11/X11EventSystem.h"
@@ -522,6 +523,53 @@ TEST_F(X11Keys, AnUnmarkedSyntheticChordFiresLikeTheUsersOwnAsTheSelfTestNeeds) 
     EXPECT_EQ(keymap->keys[alt / 8] & (1 << (alt % 8)), 0) << "Alt is still held";
     std::free(keymap);
     EXPECT_EQ(firedCount(), 1u);
+}
+
+TEST_F(X11Keys, ARightClickReachesTheWindowWhileAStrokeFiresItsMapping) {
+    auto client = openWindow({.pid = editorPid, .frame = {100, 100, 400, 300}});
+    ASSERT_TRUE(user->activate(client->window()));
+    MouseGestureEngine strokes(*events, DispatchScheduler::shared());
+    std::atomic<int> ran{0};
+    strokes.setOnGesture([&](const Mapping&) { ++ran; });
+    Mapping right;
+    right.id = UUID::random();
+    right.name = "Stroke right";
+    right.trigger = Trigger::mouseGesture(MouseGestureSpec{{GestureDirection::right}});
+    right.action = ActionSpec::toggleAwake();
+    strokes.setMasterEnabled(true);
+    strokes.update({right});
+    ASSERT_TRUE(events->sync());
+
+    // A stroke to the right: it runs the mapping and the window never sees the button.
+    user->moveTo(200, 250);
+    user->button(3, true);
+    for (int x = 210; x <= 330; x += 10) user->moveTo(x, 250);
+    user->button(3, false);
+    user->sync();
+    // The engine runs a mapping from the main queue.
+    EXPECT_TRUE(eventually([&] {
+        DispatchScheduler::shared().runMainFor(0.005);
+        return ran == 1;
+    }));
+    ASSERT_TRUE(events->sync());
+    EXPECT_EQ(client->buttonPresses(), std::vector<std::uint8_t>{});
+
+    // A plain right click still reaches the window, and runs nothing.
+    user->moveTo(220, 260);
+    user->button(3, true);
+    user->button(3, false);
+    user->sync();
+    EXPECT_TRUE(eventually([&] { return client->buttonPresses().size() == 1; }));
+    EXPECT_EQ(client->buttonPresses(), std::vector<std::uint8_t>{3});
+    DispatchScheduler::shared().runMainFor(0.05);
+    EXPECT_EQ(ran, 1);
+
+    // With the engine stopped the button is no longer grabbed: a click goes straight through.
+    strokes.setMasterEnabled(false);
+    user->button(3, true);
+    user->button(3, false);
+    user->sync();
+    EXPECT_TRUE(eventually([&] { return client->buttonPresses().size() == 2; }));
 }
 
 TEST_F(X11Keys, TheServerGoingAwayIsToldOnceAndLeavesNothingHanging) {

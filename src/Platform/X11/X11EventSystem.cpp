@@ -83,6 +83,12 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     // Key events this program sent, by (key code, press), until they come back.
     std::multiset<std::pair<xcb_keycode_t, bool>> oursRaw;
     std::multiset<std::pair<xcb_keycode_t, bool>> oursGrabbed;
+    // Right-button presses and releases this program sent, until they come back.
+    std::multiset<bool> oursButtons;
+    // Whether the right button is grabbed: while an active tap wants its presses.
+    bool buttonGrabbed = false;
+    // A right press the taps took: its motion and release come to this grab.
+    bool strokeActive = false;
     // Around a sent keystroke: the modifier keys let go and those pressed for it.
     std::vector<xcb_keycode_t> releasedForPost;
     std::vector<xcb_keycode_t> pressedForPost;
@@ -105,6 +111,11 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     void handle(xcb_generic_event_t* event);
     void handleGrabbedKey(const xcb_key_press_event_t* press, bool down);
     void handleRaw(std::uint16_t type, xcb_keycode_t keycode);
+    void handleButton(const xcb_button_press_event_t* press, bool down);
+    void handleMotion(const xcb_motion_notify_event_t* motion);
+    // Grabs the right button while an enabled active tap wants its presses, and lets it go
+    // otherwise. The caller holds `lock`.
+    void updateButtonGrab();
     void remap();
     void loadModifierMapping();
     void loadKeyCodes();
@@ -161,8 +172,11 @@ void X11EventSystem::Core::stop() {
         std::lock_guard guard(lock);
         if (x->isAlive()) {
             ungrabAll();
+            if (buttonGrabbed) xcb_ungrab_button(x->xcb(), 3, x->root(), XCB_MOD_MASK_ANY);
+            buttonGrabbed = false;
             // A press still frozen for the taps goes on to its window.
             xcb_allow_events(x->xcb(), XCB_ALLOW_REPLAY_KEYBOARD, XCB_CURRENT_TIME);
+            xcb_allow_events(x->xcb(), XCB_ALLOW_REPLAY_POINTER, XCB_CURRENT_TIME);
             auto state = heldState();
             for (auto keycode : pressedForPost) fakeKey(keycode, false, state, true);
             xcb_flush(x->xcb());
@@ -222,6 +236,10 @@ void X11EventSystem::Core::handle(xcb_generic_event_t* event) {
     const auto type = event->response_type & 0x7f;
     if (type == XCB_KEY_PRESS || type == XCB_KEY_RELEASE) {
         handleGrabbedKey(reinterpret_cast<xcb_key_press_event_t*>(event), type == XCB_KEY_PRESS);
+    } else if (type == XCB_BUTTON_PRESS || type == XCB_BUTTON_RELEASE) {
+        handleButton(reinterpret_cast<xcb_button_press_event_t*>(event), type == XCB_BUTTON_PRESS);
+    } else if (type == XCB_MOTION_NOTIFY) {
+        handleMotion(reinterpret_cast<xcb_motion_notify_event_t*>(event));
     } else if (type == XCB_CLIENT_MESSAGE) {
         auto* message = reinterpret_cast<xcb_client_message_event_t*>(event);
         if (message->window != syncWindow) return;
@@ -302,6 +320,67 @@ void X11EventSystem::Core::handleGrabbedKey(const xcb_key_press_event_t* press, 
     std::lock_guard guard(lock);
     xcb_allow_events(x->xcb(), swallowed ? XCB_ALLOW_ASYNC_KEYBOARD : XCB_ALLOW_REPLAY_KEYBOARD, press->time);
     xcb_flush(x->xcb());
+}
+
+void X11EventSystem::Core::handleButton(const xcb_button_press_event_t* press, bool down) {
+    if (press->detail != 3) return;
+    Event event = Event::mouse(down ? EventType::rightMouseDown : EventType::rightMouseUp,
+                               Point{double(press->root_x), double(press->root_y)}, 1);
+    {
+        std::lock_guard guard(lock);
+        event.flags = X11KeyMap::eventFlags(press->state, masks);
+        if (auto ours = oursButtons.find(down); ours != oursButtons.end()) {
+            oursButtons.erase(ours);
+            SyntheticEvents::mark(event);
+        }
+    }
+    if (!down) {
+        // The release of a press the taps took: the grab brings it here, and nothing follows it.
+        {
+            std::lock_guard guard(lock);
+            strokeActive = false;
+        }
+        offer(EventType::rightMouseUp, event, true);
+        return;
+    }
+    const bool swallowed = !offer(EventType::rightMouseDown, event, true);
+    std::lock_guard guard(lock);
+    strokeActive = swallowed;
+    // A press the taps passed goes on to the window under the pointer as if nothing had grabbed it.
+    xcb_allow_events(x->xcb(), swallowed ? XCB_ALLOW_ASYNC_POINTER : XCB_ALLOW_REPLAY_POINTER, press->time);
+    xcb_flush(x->xcb());
+}
+
+void X11EventSystem::Core::handleMotion(const xcb_motion_notify_event_t* motion) {
+    {
+        std::lock_guard guard(lock);
+        if (!strokeActive) return;
+    }
+    Event event = Event::mouse(EventType::rightMouseDragged, Point{double(motion->root_x), double(motion->root_y)}, 1);
+    offer(EventType::rightMouseDragged, event, false);
+}
+
+void X11EventSystem::Core::updateButtonGrab() {
+    const bool wanted = std::any_of(taps.begin(), taps.end(), [](const Tap& tap) {
+        return tap.enabled && tap.options == TapOptions::active && eventMaskContains(tap.mask, EventType::rightMouseDown);
+    });
+    if (wanted == buttonGrabbed || !alive) return;
+    auto* c = x->xcb();
+    if (wanted) {
+        const std::uint16_t mask = XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE | XCB_EVENT_MASK_BUTTON_MOTION;
+        auto cookie = xcb_grab_button_checked(c, 0, x->root(), mask, XCB_GRAB_MODE_SYNC, XCB_GRAB_MODE_ASYNC, XCB_NONE,
+                                              XCB_NONE, 3, XCB_MOD_MASK_ANY);
+        if (xcb_generic_error_t* error = xcb_request_check(c, cookie)) {
+            std::free(error);
+            Log::core.notice("Another program holds the right mouse button: mouse gestures are not heard");
+            return;
+        }
+    } else {
+        xcb_ungrab_button(c, 3, x->root(), XCB_MOD_MASK_ANY);
+        xcb_allow_events(c, XCB_ALLOW_REPLAY_POINTER, XCB_CURRENT_TIME);
+        xcb_flush(c);
+    }
+    buttonGrabbed = wanted;
 }
 
 std::vector<Tap> X11EventSystem::Core::tapsFor(EventType type) const {
@@ -526,7 +605,9 @@ std::optional<TapHandle> X11EventSystem::createTap(TapOptions options, EventMask
     tap.mask = mask;
     tap.callback = std::make_shared<const TapCallback>(std::move(callback));
     core_->taps.insert(core_->taps.begin(), std::move(tap));
-    return core_->taps.front().handle;
+    const auto handle = core_->taps.front().handle;
+    core_->updateButtonGrab();
+    return handle;
 }
 
 void X11EventSystem::attach(TapHandle handle, std::shared_ptr<RunLoop> loop) {
@@ -548,6 +629,7 @@ void X11EventSystem::setEnabled(TapHandle handle, bool enabled) {
     for (auto& tap : core_->taps) {
         if (tap.handle == handle) tap.enabled = enabled;
     }
+    core_->updateButtonGrab();
 }
 
 bool X11EventSystem::isEnabled(TapHandle handle) const {
@@ -561,6 +643,7 @@ bool X11EventSystem::isEnabled(TapHandle handle) const {
 void X11EventSystem::removeTap(TapHandle handle) {
     std::lock_guard guard(core_->lock);
     std::erase_if(core_->taps, [&](const Tap& tap) { return tap.handle == handle; });
+    core_->updateButtonGrab();
 }
 
 std::optional<Event> X11EventSystem::makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) {
@@ -640,6 +723,7 @@ void X11EventSystem::post(const Event& event) {
     }
     if (event.type == EventType::leftMouseDown || event.type == EventType::leftMouseUp) button = 1;
     if (event.type == EventType::rightMouseDown || event.type == EventType::rightMouseUp) button = 3;
+    if (button == 3 && SyntheticEvents::isOurs(event)) core.oursButtons.insert(type == XCB_BUTTON_PRESS);
     if (type != XCB_MOTION_NOTIFY) {
         xcb_test_fake_input(c, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, core.x->root(),
                             static_cast<std::int16_t>(event.location.x), static_cast<std::int16_t>(event.location.y), 0);
