@@ -279,7 +279,7 @@ int TavrickApp::main(int argc, char** argv) {
               << "  log      : " << log.fileURL().string() << "\n"
               << "  mappings : " << mappingsFile.string() << "\n"
               << "  settings : " << defaultsFile.string() << "\n"
-              << "  desktop  : " << (x11 ? desktopDescription : "simulated, " + stateFile.string()) << "\n"
+              << "  desktop  : " << (x11 ? desktopDescription : stateFile.string() + " (simulated: " + x11Why + ")") << "\n"
               << "  gestures : " << touchSourceDescription << "\n"
               << std::flush;
 

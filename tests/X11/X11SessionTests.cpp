@@ -74,9 +74,8 @@ class X11Session : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string why;
-        session = XSession::start(&why);
+        session = XSession::start(&why, 1000);
         if (!session) GTEST_SKIP() << "No X server for this test: " << why;
-        ASSERT_TRUE(session->splitMonitors(1000));
         connection = connect(*session);
         ASSERT_TRUE(connection);
         std::filesystem::create_directories(applications.path());
@@ -97,6 +96,7 @@ protected:
                                  .frame = {1000, 0, 600, 30},
                                  .strut = std::vector<std::uint32_t>{0, 0, 30, 0, 0, 0, 0, 0, 1000, 1599, 0, 0}};
         auto window = std::make_unique<TestWindow>(session->display(), dock);
+        EXPECT_TRUE(window->waitMapped(5.0, false));
         EXPECT_TRUE(eventually([&] { return desktop->screens().size() == 2 && desktop->screens()[1].visibleFrame.size.height == 870; }));
         return window;
     }

@@ -18,13 +18,15 @@ class XSession {
 public:
     // Nothing, with why in `skipReason`, only when Xvfb or openbox is not installed or does not
     // start; everything else is a failure of the test.
-    static std::unique_ptr<XSession> start(std::string* skipReason, int width = 1600, int height = 900);
+    // With `splitAt` above 0 the screen is split into a left and a right monitor there before the
+    // window manager starts, so that it never sees the monitors change under its windows.
+    static std::unique_ptr<XSession> start(std::string* skipReason, int splitAt = 0);
     ~XSession();
 
     const std::string& display() const { return display_; }
     // Runs a program against this display; its exit status.
     int run(const std::vector<std::string>& arguments) const;
-    // Splits the screen into a left and a right monitor of `leftWidth` and the rest.
+    // Splits the 1600×900 screen into a left monitor `leftWidth` wide and a right one.
     bool splitMonitors(int leftWidth) const;
 
 private:
@@ -57,7 +59,8 @@ public:
     xcb_window_t window() const { return window_; }
     xcb_connection_t* connection() const { return connection_; }
     // Waits until the window manager framed it and it is viewable.
-    bool waitMapped(double timeoutSeconds = 5.0);
+    // A dock has no frame: then only viewable is waited for.
+    bool waitMapped(double timeoutSeconds = 5.0, bool framed = true);
     // Key codes of presses that reached the window, and buttons likewise; reads what has arrived.
     std::vector<std::uint8_t> keyPresses();
     std::vector<std::uint8_t> buttonPresses();

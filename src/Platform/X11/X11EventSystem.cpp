@@ -80,6 +80,9 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     std::map<xcb_keycode_t, std::uint16_t> keyCodes;
     std::map<xcb_keycode_t, std::uint16_t> modifierBits;  // key code to its X modifier bit
     std::set<xcb_keycode_t> held;
+    // Keys this program pressed (true) or let go (false) whose raw event has not come back yet:
+    // until it does, `held` is behind.
+    std::map<xcb_keycode_t, bool> pendingOurs;
     // Key events this program sent, by (key code, press), until they come back.
     std::multiset<std::pair<xcb_keycode_t, bool>> oursRaw;
     std::multiset<std::pair<xcb_keycode_t, bool>> oursGrabbed;
@@ -123,6 +126,9 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     void ungrabAll();
     std::vector<xcb_keycode_t> keycodesFor(xcb_keysym_t keysym);
     std::uint16_t heldState() const;
+    // The keys held once those this program already sent have arrived.
+    std::set<xcb_keycode_t> predictedHeld() const;
+    std::uint16_t stateOf(const std::set<xcb_keycode_t>& keys) const;
     std::vector<Tap> tapsFor(EventType type) const;
     // Offers an event to the taps, newest first; nothing when one swallowed it.
     std::optional<Event> offer(EventType type, Event event, bool canSwallow);
@@ -259,11 +265,27 @@ void X11EventSystem::Core::handle(xcb_generic_event_t* event) {
 }
 
 std::uint16_t X11EventSystem::Core::heldState() const {
+    return stateOf(held);
+}
+
+std::uint16_t X11EventSystem::Core::stateOf(const std::set<xcb_keycode_t>& keys) const {
     std::uint16_t state = 0;
-    for (auto keycode : held) {
+    for (auto keycode : keys) {
         if (auto bit = modifierBits.find(keycode); bit != modifierBits.end()) state |= bit->second;
     }
     return state;
+}
+
+std::set<xcb_keycode_t> X11EventSystem::Core::predictedHeld() const {
+    std::set<xcb_keycode_t> keys = held;
+    for (const auto& [keycode, pressed] : pendingOurs) {
+        if (pressed) {
+            keys.insert(keycode);
+        } else {
+            keys.erase(keycode);
+        }
+    }
+    return keys;
 }
 
 void X11EventSystem::Core::handleRaw(std::uint16_t type, xcb_keycode_t keycode) {
@@ -273,6 +295,9 @@ void X11EventSystem::Core::handleRaw(std::uint16_t type, xcb_keycode_t keycode) 
     {
         std::lock_guard guard(lock);
         const bool repeat = down && held.contains(keycode);
+        if (auto pending = pendingOurs.find(keycode); pending != pendingOurs.end() && pending->second == down) {
+            pendingOurs.erase(pending);
+        }
         if (down) {
             held.insert(keycode);
         } else {
@@ -574,6 +599,7 @@ void X11EventSystem::Core::remap() {
 
 void X11EventSystem::Core::fakeKey(xcb_keycode_t keycode, bool press, std::uint16_t& state, bool ours) {
     xcb_test_fake_input(x->xcb(), press ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    pendingOurs[keycode] = press;
     if (!ours) {
         if (auto bit = modifierBits.find(keycode); bit != modifierBits.end()) {
             state = static_cast<std::uint16_t>(press ? state | bit->second : state & ~bit->second);
@@ -668,7 +694,8 @@ void X11EventSystem::post(const Event& event) {
             return;
         }
         const auto keycode = keycodes.front();
-        auto state = core.heldState();
+        const auto held = core.predictedHeld();
+        auto state = core.stateOf(held);
         // Only what the caller marked as the program's own comes back marked.
         const bool ours = SyntheticEvents::isOurs(event);
         if (event.type == EventType::keyDown) {
@@ -677,8 +704,8 @@ void X11EventSystem::post(const Event& event) {
             const auto wanted = Modifiers::fromCGFlags(event.flags);
             core.releasedForPost.clear();
             core.pressedForPost.clear();
-            for (auto held : core.held) {
-                if (core.modifierBits.contains(held)) core.releasedForPost.push_back(held);
+            for (auto key : held) {
+                if (core.modifierBits.contains(key)) core.releasedForPost.push_back(key);
             }
             for (auto held : core.releasedForPost) core.fakeKey(held, false, state, ours);
             const std::array<std::pair<Modifiers, xcb_keysym_t>, 4> roles{{{Modifiers::shift, modifierKeysyms[0]},
