@@ -101,6 +101,9 @@ std::optional<xcb_window_t> X11Desktop::Core::activeWindow() {
 
 std::optional<XRect> X11Desktop::Core::clientGeometry(xcb_window_t window) {
     auto* c = x->xcb();
+    // Nothing listens on this connection, but errors for windows that went away arrive as
+    // events: dropped here so that they never pile up.
+    while (xcb_generic_event_t* stale = xcb_poll_for_event(c)) std::free(stale);
     auto geometry = xreply(xcb_get_geometry_reply(c, xcb_get_geometry(c, window), nullptr));
     if (!geometry) return std::nullopt;
     auto translated = xreply(xcb_translate_coordinates_reply(c, xcb_translate_coordinates(c, window, x->root(), 0, 0), nullptr));

@@ -11,6 +11,7 @@
 #include <xcb/xtest.h>
 #include <xkbcommon/xkbcommon.h>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -110,6 +111,9 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
 
     void start();
     void stop();
+    // A round trip on another thread may have read events into the connection's queue, where the
+    // reader's poll on the socket cannot see them: it is woken to look.
+    void wakeReader();
     void run();
     void handle(xcb_generic_event_t* event);
     void handleGrabbedKey(const xcb_key_press_event_t* press, bool down);
@@ -163,16 +167,20 @@ void X11EventSystem::Core::start() {
         loadKeyCodes();
     }
     xcb_flush(c);
-    if (::pipe(wake) != 0) wake[0] = wake[1] = -1;
+    if (::pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) wake[0] = wake[1] = -1;
     reader = std::thread([self = shared_from_this()] { self->run(); });
 }
 
-void X11EventSystem::Core::stop() {
-    stopping = true;
+void X11EventSystem::Core::wakeReader() {
     if (wake[1] >= 0) {
         const char byte = 1;
         [[maybe_unused]] auto written = ::write(wake[1], &byte, 1);
     }
+}
+
+void X11EventSystem::Core::stop() {
+    stopping = true;
+    wakeReader();
     if (reader.joinable()) reader.join();
     {
         std::lock_guard guard(lock);
@@ -207,6 +215,10 @@ void X11EventSystem::Core::run() {
         pollfd fds[2] = {{xcb_get_file_descriptor(c), POLLIN, 0}, {wake[0], POLLIN, 0}};
         ::poll(fds, wake[0] >= 0 ? 2 : 1, timeout);
         if (stopping) break;
+        if (fds[1].revents & POLLIN) {
+            char bytes[64];
+            [[maybe_unused]] auto drained = ::read(wake[0], bytes, sizeof bytes);
+        }
         while (xcb_generic_event_t* event = xcb_poll_for_event(c)) {
             if ((event->response_type & 0x7f) == XCB_MAPPING_NOTIFY) {
                 std::lock_guard guard(lock);
@@ -633,6 +645,7 @@ std::optional<TapHandle> X11EventSystem::createTap(TapOptions options, EventMask
     core_->taps.insert(core_->taps.begin(), std::move(tap));
     const auto handle = core_->taps.front().handle;
     core_->updateButtonGrab();
+    core_->wakeReader();
     return handle;
 }
 
@@ -656,6 +669,7 @@ void X11EventSystem::setEnabled(TapHandle handle, bool enabled) {
         if (tap.handle == handle) tap.enabled = enabled;
     }
     core_->updateButtonGrab();
+    core_->wakeReader();
 }
 
 bool X11EventSystem::isEnabled(TapHandle handle) const {
@@ -670,6 +684,7 @@ void X11EventSystem::removeTap(TapHandle handle) {
     std::lock_guard guard(core_->lock);
     std::erase_if(core_->taps, [&](const Tap& tap) { return tap.handle == handle; });
     core_->updateButtonGrab();
+    core_->wakeReader();
 }
 
 std::optional<Event> X11EventSystem::makeKeyboardEvent(std::uint16_t keyCode, bool keyDown) {
@@ -731,6 +746,7 @@ void X11EventSystem::post(const Event& event) {
             core.releasedForPost.clear();
         }
         xcb_flush(c);
+        core.wakeReader();
         return;
     }
     std::uint8_t type = 0;
@@ -769,6 +785,7 @@ std::vector<HotkeySpec> X11EventSystem::ownKeyCombinations(const std::string& ow
     }
     if (!core_->alive) return combinations;
     auto refused = core_->regrab();
+    core_->wakeReader();
     // Only this owner's refusals are its answer.
     std::erase_if(refused, [&](const HotkeySpec& spec) {
         return std::find(combinations.begin(), combinations.end(), spec) == combinations.end();
@@ -789,6 +806,7 @@ KeyboardLayoutSource X11EventSystem::layoutSource() {
             char text[16] = {};
             if (sym && xkb_keysym_to_utf8(sym, text, sizeof text) > 1) legends.emplace(code, text);
         }
+        core->wakeReader();
         return legends;
     };
     source.observeChanges = [weak](std::function<void()> changed) -> Observation {
@@ -837,6 +855,7 @@ bool X11EventSystem::sync(double timeoutSeconds) {
     message.data.data32[0] = static_cast<std::uint32_t>(ticket);
     xcb_send_event(core.x->xcb(), 0, core.syncWindow, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
     xcb_flush(core.x->xcb());
+    core.wakeReader();
     return core.syncChanged.wait_for(guard, std::chrono::duration<double>(timeoutSeconds),
                                      [&] { return core.syncsSeen >= ticket || !core.alive; }) &&
            core.alive;
