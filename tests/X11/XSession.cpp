@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +34,8 @@ constexpr const char* openboxConfig = R"(<?xml version="1.0" encoding="UTF-8"?>
 int spawn(const std::vector<std::string>& arguments, const std::vector<std::string>& environment, int keepFd = -1) {
     const int pid = fork();
     if (pid != 0) return pid;
+    // A test program that dies without its destructors takes its server and window manager along.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
