@@ -1,12 +1,15 @@
 #pragma once
 
 #include "CoreKit/Geometry.h"
+#include "CoreKit/Modifiers.h"
 #include "CoreKit/RunLoop.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace tavrick {
 
@@ -119,6 +122,17 @@ public:
     virtual std::optional<Event> makeMouseEvent(EventType type, Point location, std::int64_t button);
     // Whether synthetic input can be made at all (the source events are created from).
     virtual bool hasEventSource() const { return true; }
+
+    // The key combinations `owner` wants for itself, replacing what it asked before (an empty
+    // list gives them all back). A session whose taps see every key needs nothing more; one that
+    // can only hold a key by grabbing it (X11) grabs each, and its presses then reach the active
+    // taps to be swallowed or passed on. Gives back those another program already holds: they
+    // will not reach the taps.
+    virtual std::vector<HotkeySpec> ownKeyCombinations(const std::string& owner, const std::vector<HotkeySpec>& combinations) {
+        (void)owner;
+        (void)combinations;
+        return {};
+    }
 
     // Posts a key-down then its key-up with `flags`, as a key pressed and let go. False, and
     // nothing posted, when the events cannot be made.

@@ -28,10 +28,43 @@ struct HotkeyEngine::Core : std::enable_shared_from_this<Core> {
     std::shared_ptr<const OnTrigger> onTrigger;
     std::shared_ptr<const ObserveKeys> observeKeys;
     std::shared_ptr<EventTap> tap;
+    std::vector<Mapping> unavailable;
 
     std::optional<Event> handle(EventType type, const Event& event);
     void fire(Mapping mapping);
+    // Tells the session which combinations the table needs (none while stopped) and logs each
+    // one another program holds.
+    void claimCombinations();
 };
+
+void HotkeyEngine::Core::claimCombinations() {
+    std::vector<HotkeySpec> wanted;
+    std::vector<Mapping> mappings;
+    {
+        std::lock_guard guard(lock);
+        if (tap) {
+            for (const auto& [spec, mapping] : table.entries) {
+                wanted.push_back(spec);
+                mappings.push_back(mapping);
+            }
+        }
+    }
+    const auto refused = events.ownKeyCombinations(tapLabel, wanted);
+    std::vector<Mapping> lost;
+    for (const auto& spec : refused) {
+        for (const auto& mapping : mappings) {
+            const HotkeySpec* trigger = mapping.trigger.asHotkey();
+            if (!trigger || !(*trigger == spec)) continue;
+            const std::string name = mapping.effectiveName();
+            Log::hotkey.notice("Shortcut %s of '%s' is held by another program and will not fire",
+                               spec.displayString().c_str(), name.c_str());
+            log.note("hotkey", spec.displayString() + " of '" + name + "' is held by another program");
+            lost.push_back(mapping);
+        }
+    }
+    std::lock_guard guard(lock);
+    unavailable = std::move(lost);
+}
 
 std::optional<Event> HotkeyEngine::Core::handle(EventType type, const Event& event) {
     if (type != EventType::keyDown) return event;
@@ -116,7 +149,11 @@ void HotkeyEngine::start() {
             core_->tap = tap;
         }
     }
-    if (raced) tap->stop();
+    if (raced) {
+        tap->stop();
+        return;
+    }
+    core_->claimCombinations();
 }
 
 void HotkeyEngine::stop() {
@@ -126,7 +163,10 @@ void HotkeyEngine::stop() {
         tap = std::move(core_->tap);
         core_->tap = nullptr;
     }
-    if (tap) tap->stop();
+    if (tap) {
+        tap->stop();
+        core_->claimCombinations();
+    }
 }
 
 bool HotkeyEngine::isRunning() const {
@@ -152,6 +192,12 @@ void HotkeyEngine::update(const std::vector<Mapping>& mappings) {
         Log::hotkey.notice("Mapping '%s' is shadowed by an earlier one on the same trigger",
                            mapping.effectiveName().c_str());
     }
+    core_->claimCombinations();
+}
+
+std::vector<Mapping> HotkeyEngine::unavailable() const {
+    std::lock_guard guard(core_->lock);
+    return core_->unavailable;
 }
 
 HotkeyTable HotkeyEngine::table() const {

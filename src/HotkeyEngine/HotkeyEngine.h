@@ -44,6 +44,9 @@ public:
     // Any thread. The table survives stop and start.
     void update(const std::vector<Mapping>& mappings);
     HotkeyTable table() const;
+    // Mappings whose combination another program holds, so they cannot fire, as of the last
+    // `update` or `start`.
+    std::vector<Mapping> unavailable() const;
 
     // Called on the global queue at user-initiated quality, never on the tap's thread.
     void setOnTrigger(OnTrigger onTrigger);

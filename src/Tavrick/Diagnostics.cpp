@@ -1,5 +1,7 @@
 #include "Tavrick/Diagnostics.h"
 
+#include "Platform/X11/X11EventSystem.h"
+
 #include "CoreKit/KeyCodes.h"
 #include "CoreKit/MappingStore.h"
 #include "HotkeyEngine/HotkeyEngine.h"
@@ -60,6 +62,15 @@ int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifie
     const std::string combination = Modifiers(modifiers).symbolString() + KeyCodes::name(keyCode);
     const std::string what =
         "keyCode=" + std::to_string(keyCode) + " modifiers=" + std::to_string(modifiers) + " (" + combination + ")";
+    if (context.x11) {
+        // On X11 the key goes through XTest; a running Tavrick hears it through its grabs.
+        if (!context.x11->postKeyPress(keyCode, Modifiers(modifiers).cgFlags()) || !context.x11->sync()) {
+            context.out << "could not synthesise the event\n";
+            return 1;
+        }
+        context.out << "posted " << what << " to the X11 session through XTest\n";
+        return 0;
+    }
     // A running Tavrick hears it through its taps, like a key the user pressed.
     auto failure = SessionBridge::sendKey(context.sessionSocket, keyCode, modifiers);
     if (!failure) {
@@ -82,7 +93,9 @@ int runTapSelfTestAndExit(Context& context) {
     out << "Hotkey self-test\n";
     out << "expecting: keyCode=" << expected.keyCode << " modifiers=" << expected.modifiers.rawValue << "\n";
 
-    HotkeyEngine engine(context.session, context.scheduler, context.log);
+    EventSystem& events = context.x11 ? static_cast<EventSystem&>(*context.x11) : context.session;
+    out << "session: " << (context.x11 ? "X11" : "simulated") << "\n";
+    HotkeyEngine engine(events, context.scheduler, context.log);
     Mapping mapping;
     mapping.id = UUID::random();
     mapping.name = "Self-test ⌥S";
@@ -112,12 +125,16 @@ int runTapSelfTestAndExit(Context& context) {
     out << "tap started; engine.isRunning = " << (engine.isRunning() ? "true" : "false") << "\n";
 
     out << "posting a synthetic ⌥S …\n";
-    if (!context.session.postKeyPress(expected.keyCode, expected.modifiers.cgFlags())) {
+    if (!events.postKeyPress(expected.keyCode, expected.modifiers.cgFlags())) {
         out << "✗ could not synthesise the event\n";
         engine.stop();
         return 1;
     }
-    context.session.drain();
+    if (context.x11) {
+        context.x11->sync();
+    } else {
+        context.session.drain();
+    }
     pump(context.scheduler, 2.0, [&] { return fired.load() > 0; });
     engine.stop();
 
@@ -151,7 +168,8 @@ int runTapProbeAndExit(Context& context, double listenSeconds) {
     std::string failure;
     const auto mappings = MappingStore::readWithoutChanges(context.mappingsFile, failure).value_or(std::vector<Mapping>{});
     // Keys are told by the same engine, and table, that the application uses.
-    HotkeyEngine engine(context.session, context.scheduler, context.log);
+    EventSystem& events = context.x11 ? static_cast<EventSystem&>(*context.x11) : context.session;
+    HotkeyEngine engine(events, context.scheduler, context.log);
     engine.update(mappings);
     const auto entries = engine.table().count();
     out << mappings.size() << " mapping(s) from disk\n";
@@ -175,8 +193,9 @@ int runTapProbeAndExit(Context& context, double listenSeconds) {
         out << "\n✗ Could not start the tap: " << error.what() << "\n";
         return 1;
     }
-    // Keys reach this simulated session from other processes through the bridge.
-    auto bridge = SessionBridge::listen(context.session, context.sessionSocket);
+    // Keys reach a simulated session from other processes through the bridge; an X11 one hears
+    // the keyboard itself.
+    auto bridge = context.x11 ? nullptr : SessionBridge::listen(context.session, context.sessionSocket);
     out << "\nPress your shortcuts now — listening for " << seconds(listenSeconds) << "\n";
     if (bridge) {
         out << "  (this session is simulated: from another terminal, tavrick --post-key <keyCode> <modifiers>)\n";

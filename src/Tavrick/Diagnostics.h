@@ -11,6 +11,8 @@
 
 namespace tavrick {
 
+class X11EventSystem;
+
 // The command-line routines that answer, from a terminal, whether something works. Each prints
 // plain lines and gives the process's exit status: 0 when its verdict is good, 1 when not, 2 for
 // a routine this build does not have. None makes a coordinator.
@@ -24,6 +26,9 @@ struct Context {
     std::filesystem::path mappingsFile;
     // Where a running Tavrick's session listens for keys from other processes.
     std::filesystem::path sessionSocket;
+    // The X11 session's keyboard, when DISPLAY names a server that answers: keys are then
+    // posted and heard there instead of in the simulated session.
+    X11EventSystem* x11 = nullptr;
 };
 
 int run(Context& context, const DiagnosticCommand& command);

@@ -40,6 +40,9 @@
 #include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
+#include "Platform/X11/X11Connection.h"
+#include "Platform/X11/X11Desktop.h"
+#include "Platform/X11/X11EventSystem.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/AppDelegate.h"
 #include "Tavrick/CommandLine.h"
@@ -92,6 +95,33 @@ std::shared_ptr<AppCoordinator> TavrickApp::construct(AppEnvironment environment
     return coordinator;
 }
 
+namespace {
+
+// The desktop ports over a real X server: one connection for the window and application
+// requests, one of its own for the keyboard's events.
+struct X11Ports {
+    std::shared_ptr<X11Connection> requests;
+    std::unique_ptr<X11EventSystem> events;
+    std::unique_ptr<X11Desktop> desktop;
+    std::string display;
+};
+
+// The X11 session when DISPLAY names a server that answers; otherwise nothing, and why.
+std::optional<X11Ports> openX11(std::string& why) {
+    auto requests = X11Connection::open("", &why);
+    if (!requests) return std::nullopt;
+    auto events = X11Connection::open(requests->displayName(), &why);
+    if (!events) return std::nullopt;
+    X11Ports ports;
+    ports.display = requests->displayName();
+    ports.requests = std::move(requests);
+    ports.events = std::make_unique<X11EventSystem>(std::move(events));
+    ports.desktop = std::make_unique<X11Desktop>(ports.requests, X11Desktop::defaultApplicationFolders());
+    return ports;
+}
+
+} // namespace
+
 int TavrickApp::main(int argc, char** argv) {
     // The platform's termination request arrives on the main queue. Installed before any other
     // thread exists, so that no thread but the watcher ever takes the signals.
@@ -115,11 +145,14 @@ int TavrickApp::main(int argc, char** argv) {
     std::vector<std::string> problems;
     auto command = CommandLine::parse(arguments, &problems);
     for (const auto& problem : problems) Log::core.notice("%s", problem.c_str());
+    std::string x11Why;
+    auto x11 = openX11(x11Why);
     if (command) {
         // A diagnostic routine's own lines are its answer; the developer channel says only what
         // went wrong.
         Log::setMinimumLevel(LogLevel::error);
-        Diagnostics::Context context{std::cout, scheduler, session, log, mappingsFile, sessionSocketPath()};
+        Diagnostics::Context context{std::cout, scheduler, session, log, mappingsFile, sessionSocketPath(),
+                                     x11 ? x11->events.get() : nullptr};
         int status = Diagnostics::run(context, *command);
         std::cout.flush();
         log.flush();
@@ -138,8 +171,26 @@ int TavrickApp::main(int argc, char** argv) {
     // the diagnostic log (tavrick --log).
     Log::setMinimumLevel(LogLevel::notice);
     // The simulated session has no layout of its own: key names fall through to the US names.
-    auto layout = KeyboardLayoutCache::make(KeyboardLayoutSource{}, scheduler);
+    auto layout = KeyboardLayoutCache::make(x11 ? x11->events->layoutSource() : KeyboardLayoutSource{}, scheduler);
     KeyCodes::installLayoutCache(layout);
+    EventSystem& events = x11 ? static_cast<EventSystem&>(*x11->events) : session;
+    std::string desktopDescription;
+    if (x11) {
+        desktopDescription = "the X11 session at " + x11->display;
+        Log::core.notice("Windows, keys and applications: the X11 session at %s", x11->display.c_str());
+        log.note("desktop", "using the X11 session at " + x11->display);
+        // Without the server there is nothing to act on: the program says so and ends cleanly,
+        // every grab gone with the connection.
+        x11->events->setOnServerLost([&terminationRequested](const std::string& why) {
+            std::cout << "Tavrick stops: " << why << ".\n" << std::flush;
+            DiagnosticLog::shared().note("desktop", why + "; stopping");
+            terminationRequested = true;
+            DispatchScheduler::shared().stopMain();
+        });
+    } else {
+        Log::core.notice("Windows, keys and applications: simulated (%s)", x11Why.c_str());
+        log.note("desktop", "using the simulated desktop: " + x11Why);
+    }
 
     // The desktop the actions work on. Applications, windows and displays are simulated until a
     // display server adapter exists; opening and launching go through the real desktop when there
@@ -189,7 +240,7 @@ int TavrickApp::main(int argc, char** argv) {
     AppEnvironment environment{
         .scheduler = scheduler,
         .log = log,
-        .events = session,
+        .events = events,
         .defaults = defaults,
         .workspace = workspace,
         .notifications = notifications,
@@ -197,8 +248,9 @@ int TavrickApp::main(int argc, char** argv) {
         .mappingsFile = mappingsFile,
         .permissionSource =
             PermissionSource{
-                .isAccessibilityTrusted = [&desktop] { return desktop.isAccessibilityTrusted(); },
-                .listenAccess = [&desktop] { return desktop.listenAccess(); },
+                // X11 asks for no permission to grab keys or move windows.
+                .isAccessibilityTrusted = [&desktop, real = x11.has_value()] { return real || desktop.isAccessibilityTrusted(); },
+                .listenAccess = [&desktop, real = x11.has_value()] { return real ? 0 : desktop.listenAccess(); },
                 .promptForAccessibility = [&desktop] { desktop.promptForAccessibility(); },
                 .requestListenAccess = [&desktop] { return desktop.requestListenAccess(); },
                 .openURL =
@@ -212,11 +264,11 @@ int TavrickApp::main(int argc, char** argv) {
         .version = AppInfo::version(),
         .build = AppInfo::build(),
         .operatingSystemVersion = SystemInfo::operatingSystemVersionString(),
-        .applications = desktop,
+        .applications = x11 ? static_cast<Workspace&>(*x11->desktop) : desktop,
         .launcher = *launcher,
-        .screens = desktop,
-        .windowList = desktop,
-        .windowAccessibility = desktop,
+        .screens = x11 ? static_cast<ScreenSource&>(*x11->desktop) : desktop,
+        .windowList = x11 ? static_cast<WindowList&>(*x11->desktop) : desktop,
+        .windowAccessibility = x11 ? static_cast<WindowAccessibility&>(*x11->desktop) : desktop,
         .finderDefaults = finderDefaults,
         .home = homeVariable && *homeVariable ? std::filesystem::path(homeVariable) : std::filesystem::path("/"),
         .processIdentifier = static_cast<std::int32_t>(::getpid()),
@@ -226,8 +278,8 @@ int TavrickApp::main(int argc, char** argv) {
                                             }),
         .secrets = secrets,
         .touchSource = touchSource,
-        .frontmostBundleID = [&desktop]() -> std::optional<std::string> {
-            auto front = desktop.frontmostApplication();
+        .frontmostBundleID = [&desktop, &x11]() -> std::optional<std::string> {
+            auto front = x11 ? x11->desktop->frontmostApplication() : desktop.frontmostApplication();
             return front ? front->bundleIdentifier : std::nullopt;
         }(),
         // There is no filter extension on Linux: the watcher reads this user's sockets from /proc.
@@ -248,8 +300,8 @@ int TavrickApp::main(int argc, char** argv) {
         .processes = std::make_shared<LinuxProcessWatcher>(),
         .lidSensors = LinuxLidSensors::make("/"),
         // The clipboard's exclusions ask who is in front at each copy.
-        .frontmostApplication = [&desktop]() -> std::optional<ClipboardSourceApp> {
-            auto front = desktop.frontmostApplication();
+        .frontmostApplication = [&desktop, &x11]() -> std::optional<ClipboardSourceApp> {
+            auto front = x11 ? x11->desktop->frontmostApplication() : desktop.frontmostApplication();
             if (!front) return std::nullopt;
             return ClipboardSourceApp{front->bundleIdentifier.value_or(""), front->localizedName.value_or("")};
         },
@@ -263,7 +315,7 @@ int TavrickApp::main(int argc, char** argv) {
               << "  log      : " << log.fileURL().string() << "\n"
               << "  mappings : " << mappingsFile.string() << "\n"
               << "  settings : " << defaultsFile.string() << "\n"
-              << "  desktop  : " << stateFile.string() << "\n"
+              << "  desktop  : " << (x11 ? desktopDescription : stateFile.string() + " (simulated: " + x11Why + ")") << "\n"
               << "  gestures : " << touchSourceDescription << "\n"
               << std::flush;
 
@@ -271,7 +323,8 @@ int TavrickApp::main(int argc, char** argv) {
     auto coordinator = construct(environment);
     auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath(), pasteboard.get());
     if (bridge) {
-        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session\n"
+        std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session"
+                  << (x11 ? " (through XTest)" : "") << "\n"
                   << "  copies   : echo -n <text> | scripts/session copy   puts a copy on this session's pasteboard\n"
                   << std::flush;
         if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
