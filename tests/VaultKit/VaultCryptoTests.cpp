@@ -70,7 +70,7 @@ TEST(VaultCrypto, RoundCountsOutsideOneToTwentyMillionAreCorruptBeforeHashing) {
 }
 
 TEST(VaultCrypto, OpensThePublishedAES256GCMVectors) {
-    // The GCM specification's test cases 13 and 14: a zero key and nonce, no additional data.
+    // The published GCM test vectors, cases 13 and 14: a zero key and nonce, no additional data.
     const SymmetricKey key(Bytes(32, 0).data());
     Bytes empty = hex("000000000000000000000000530f8afbc74536b9a963b4f1c4cb738b");
     EXPECT_EQ(open(empty, key), Bytes{});
