@@ -278,6 +278,5 @@ TEST(TokenBucketTest, BurstThenRate) {
 
 TEST(FanReasonTest, UnknownTextIsUnknown) {
     EXPECT_EQ(fanReasonFromRaw("someNewThing"), FanReason::unknown);
-    EXPECT_EQ(fanReasonFromRaw("journalFailed"), FanReason::journalFailed);
-    EXPECT_EQ(rawValue(FanReason::anotherApp), "anotherApp");
+    EXPECT_EQ(fanReasonFromRaw(rawValue(FanReason::journalFailed)), FanReason::journalFailed);
 }

@@ -63,10 +63,9 @@ public:
     void closeService(std::uint32_t) override { ++closes; }
 
     void fan(int i, float ac, float mn, float mx, float tg, std::optional<std::uint8_t> mode, const char* modeKey = "md") {
-        keys["F" + std::to_string(i) + "Ac"] = {"flt ", SMCValue::encodeFloat(ac)};
-        keys["F" + std::to_string(i) + "Mn"] = {"flt ", SMCValue::encodeFloat(mn)};
-        keys["F" + std::to_string(i) + "Mx"] = {"flt ", SMCValue::encodeFloat(mx)};
-        keys["F" + std::to_string(i) + "Tg"] = {"flt ", SMCValue::encodeFloat(tg)};
+        for (auto [suffix, v] : {std::pair{"Ac", ac}, {"Mn", mn}, {"Mx", mx}, {"Tg", tg}}) {
+            keys["F" + std::to_string(i) + suffix] = {"flt ", SMCValue::encodeFloat(v)};
+        }
         if (mode) keys["F" + std::to_string(i) + modeKey] = {"ui8 ", {*mode}};
     }
 };
@@ -216,22 +215,20 @@ TEST(SMCReaderTest, FailuresAreTyped) {
 TEST(SMCReaderTest, FanlessAndBrokenLayouts) {
     TableDriver driver;
     SMCReader reader(driver);
+    auto reopen = [&] { reader.close(); reader.open(); };  // closing forgets cached key info
     reader.open();
     EXPECT_EQ(FanKeys::discover(reader), FanLayout::fanless());  // no FNum at all
     driver.keys["FNum"] = {"ui8 ", {0}};
-    reader.close();
-    reader.open();
+    reopen();
     EXPECT_EQ(FanKeys::discover(reader), FanLayout::fanless());
     driver.keys["FNum"] = {"ch8*", {1}};
-    reader.close();
-    reader.open();
+    reopen();
     try { FanKeys::discover(reader); FAIL(); } catch (const SMCError& e) { EXPECT_EQ(e.kind(), SMCError::Kind::unexpectedType); }
     // One fan whose target changed to an unknown type fails the whole read.
     driver.keys["FNum"] = {"ui8 ", {1}};
     driver.fan(0, 2000, 1000, 5000, 2000, 1);
     driver.keys["F0Tg"] = {"sp78", {1, 2}};
-    reader.close();
-    reader.open();
+    reopen();
     auto layout = FanKeys::discover(reader);
     try { FanKeys::readFans(reader, layout); FAIL(); } catch (const SMCError& e) {
         EXPECT_EQ(e.kind(), SMCError::Kind::unexpectedType);
@@ -239,7 +236,6 @@ TEST(SMCReaderTest, FanlessAndBrokenLayouts) {
     }
     // A read refused by the firmware passes through.
     driver.keys["F0Tg"] = {"flt ", SMCValue::encodeFloat(2000), -1, 0x85};
-    reader.close();
-    reader.open();
+    reopen();
     try { FanKeys::readFans(reader, layout); FAIL(); } catch (const SMCError& e) { EXPECT_EQ(e.kind(), SMCError::Kind::keyNotReadable); }
 }

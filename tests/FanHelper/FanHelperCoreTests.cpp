@@ -69,6 +69,14 @@ struct Rig {
         }
         return true;
     }
+    // Ticks until the boost ends, at most `limit` times; the reason it ended with, if it did.
+    std::optional<FanReason> tickUntilEnded(int limit) {
+        for (int i = 0; i < limit; ++i) {
+            tick();
+            if (!core->isControlling()) return core->status().reason;
+        }
+        return std::nullopt;
+    }
 };
 
 } // namespace
@@ -119,12 +127,7 @@ TEST(FanHelperCoreTest, FaultsEndTheBoostWithTheirReasonAndTheFansGoBack) {
         ASSERT_TRUE(rig.apply(1, 0.5).accepted) << row.name;
         rig.tick(2);
         row.inject(rig);
-        std::optional<FanReason> ended;
-        for (int i = 0; i < row.ticks + 2 && !ended; ++i) {
-            rig.tick();
-            if (!rig.core->isControlling()) ended = rig.core->status().reason;
-        }
-        EXPECT_EQ(ended, row.reason) << row.name;
+        EXPECT_EQ(rig.tickUntilEnded(row.ticks + 2), row.reason) << row.name;
         rig.chip.setFaults({});
         EXPECT_TRUE(rig.handedBack()) << row.name;
         EXPECT_EQ(rig.core->status().request, std::nullopt) << row.name;  // the fault ended every request
@@ -136,12 +139,7 @@ TEST(FanHelperCoreTest, AForeignWriterEndsTheBoostAndItsFanGoesBackOnceItStops) 
     ASSERT_TRUE(rig.apply(1, 0.5).accepted);
     rig.tick(2);
     rig.chip.setFaults(with([](SimulatedSMC::Faults& f) { f.foreignWriter = 0; }));
-    std::optional<FanReason> ended;
-    for (int i = 0; i < 10 && !ended; ++i) {
-        rig.tick();
-        if (!rig.core->isControlling()) ended = rig.core->status().reason;
-    }
-    EXPECT_EQ(ended, FanReason::anotherWriter);
+    EXPECT_EQ(rig.tickUntilEnded(10), FanReason::anotherWriter);
     EXPECT_EQ(rig.modes()[1], 0);
     // The other program still holds its fan: the helper holds it safe and keeps trying.
     EXPECT_TRUE(rig.core->status().safeHold);

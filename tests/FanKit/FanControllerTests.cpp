@@ -152,14 +152,16 @@ public:
     std::function<void()> heldApply;
     bool invalidated = false;
 
+    // Records the call and answers on the scheduler, as a real connection would.
+    template <class T>
+    void answer(std::string name, std::function<void(FanHelperOutcome<T>)> done, FanHelperOutcome<T> a) {
+        calls.push_back(std::move(name));
+        scheduler.async([done, a] { done(a); });
+    }
     void hello(double, std::function<void(FanHelperOutcome<Reply::Hello>)> done) override {
-        calls.push_back("hello");
-        scheduler.async([done, h = Reply::Hello{1, cdhash, "1"}] { done(h); });
+        answer<Reply::Hello>("hello", done, Reply::Hello{1, cdhash, "1"});
     }
-    void status(std::function<void(FanHelperOutcome<Reply::Status>)> done) override {
-        calls.push_back("status");
-        scheduler.async([done, a = statusAnswer] { done(a); });
-    }
+    void status(std::function<void(FanHelperOutcome<Reply::Status>)> done) override { answer("status", done, statusAnswer); }
     void apply(const FanRequest& r, std::function<void(FanHelperOutcome<Reply::ApplyResult>)> done) override {
         calls.push_back("apply " + std::to_string(r.level));
         auto answer = applies.empty() ? FanHelperOutcome<Reply::ApplyResult>(Reply::ApplyResult{true, std::nullopt, ::status(true, r, std::nullopt, {1, 1}, std::vector<int>{0, 1})})
@@ -169,21 +171,16 @@ public:
         if (holdApply) heldApply = deliver;
         else deliver();
     }
-    void handBack(std::function<void(FanHelperOutcome<Reply::Status>)> done) override {
-        calls.push_back("handBack");
-        scheduler.async([done, a = handBackAnswer] { done(a); });
-    }
+    void handBack(std::function<void(FanHelperOutcome<Reply::Status>)> done) override { answer("handBack", done, handBackAnswer); }
     void releaseFans(std::function<void(FanHelperOutcome<Reply::ReleaseResult>)> done) override {
-        calls.push_back("releaseFans");
-        scheduler.async([done] { done(Reply::ReleaseResult{true, {0}, std::nullopt, ::status(false), std::nullopt}); });
+        answer<Reply::ReleaseResult>("releaseFans", done, Reply::ReleaseResult{true, {0}, std::nullopt, ::status(false), std::nullopt});
     }
     void releaseUnrecordedFans(std::function<void(FanHelperOutcome<Reply::ReleaseResult>)> done) override {
-        calls.push_back("releaseUnrecordedFans");
-        scheduler.async([done] { done(Reply::ReleaseResult{true, {1}, std::nullopt, ::status(false), std::vector<int>{1}}); });
+        answer<Reply::ReleaseResult>("releaseUnrecordedFans", done,
+                                     Reply::ReleaseResult{true, {1}, std::nullopt, ::status(false), std::vector<int>{1}});
     }
     void exitForUpdate(std::function<void(FanHelperOutcome<Reply::Status>)> done) override {
-        calls.push_back("exitForUpdate");
-        scheduler.async([done] { done(::status(false)); });
+        answer<Reply::Status>("exitForUpdate", done, ::status(false));
     }
     void invalidate() override { invalidated = true; }
 };

@@ -101,9 +101,14 @@ TEST(FanHelperClientTest, AReplyATimerAndAnEndFinishACallOnce) {
     connector->events[0].onReply({connector->lastID(), std::string(R"({"build":1})"), std::nullopt});
     scheduler.runUntilIdle();
     EXPECT_EQ(std::get<FanHelperFailure>(answers[2]).kind, FK::unreadableReply);
-    client->status([&](auto) {});
+    // A word with id 0 is about the connection: it ends every call still waiting.
+    std::vector<FanHelperOutcome<Reply::Status>> statuses;
+    client->status([&](auto o) { statuses.push_back(o); });
     scheduler.runUntilIdle();
     connector->events[0].onReply({0, std::nullopt, std::string("busy")});
+    scheduler.runUntilIdle();
+    ASSERT_EQ(statuses.size(), 1u);
+    EXPECT_TRUE(std::holds_alternative<FanHelperFailure>(statuses[0]));
 }
 
 TEST(FanHelperClientTest, InterruptionRehellosSpacedAndRefusalDetaches) {
