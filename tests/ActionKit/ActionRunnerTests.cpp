@@ -11,7 +11,6 @@ namespace {
 
 class ActionRunnerTest : public ActionFixture {
 protected:
-    std::vector<std::string> actionLines() const { return logs.messages("action"); }
     bool logged(const std::string& line) const { return logs.contains("action", line); }
     // The key events that reached the frontmost application, as "down 13 cmd ours".
     std::vector<std::string> keys() {
@@ -36,7 +35,7 @@ TEST_F(ActionRunnerTest, EveryRunIsLoggedAndNotedWithItsDisplayString) {
     EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 3),
               (std::vector<std::string>{"[action] running Move to Next Display", "[action] running Fans at Boost 25%",
                                         "[action] running Reveal report.pdf"}));
-    EXPECT_EQ(actionLines().front(), "Running Move to Next Display");
+    EXPECT_EQ(logs.messages("action").front(), "Running Move to Next Display");
 }
 
 TEST_F(ActionRunnerTest, ServiceActionsGoToTheirClosuresAndDoNothingWithoutThem) {
@@ -58,12 +57,10 @@ TEST_F(ActionRunnerTest, ServiceActionsGoToTheirClosuresAndDoNothingWithoutThem)
                                                "fans toggleBoost"}));
 }
 
-TEST_F(ActionRunnerTest, AWindowCommandMovesTheFrontmostApplicationsWindow) {
+TEST_F(ActionRunnerTest, AWindowCommandMovesTheFrontmostWindowUnlessThatIsTavrick) {
     run(ActionSpec::window(WindowCommand::rightHalf));
     EXPECT_EQ(editorFrame(), rect(720, 70, 720, 805));
-}
-
-TEST_F(ActionRunnerTest, AWindowCommandWhileTavrickIsFrontmostIsIgnored) {
+    desktop.clearRecords();
     desktop.activate(ownPid);
     run(ActionSpec::window(WindowCommand::leftHalf));
     EXPECT_TRUE(desktop.accessibilityWrites().empty());
@@ -74,7 +71,7 @@ TEST_F(ActionRunnerTest, AWindowCommandWhileTavrickIsFrontmostIsIgnored) {
     desktop.terminate(editor);
     run(ActionSpec::window(WindowCommand::leftHalf));
     EXPECT_EQ(logs.count("action", "Ignoring window command: Tavrick itself is frontmost"), 1u);
-    EXPECT_TRUE(logs.messages("windows").empty());
+    EXPECT_EQ(logs.messages("windows").size(), 1u);  // only the right half's
 }
 
 TEST_F(ActionRunnerTest, LaunchOrActivateActivatesARunningCopyAndLaunchesOnlyWhenNoneRuns) {
@@ -133,6 +130,10 @@ TEST_F(ActionRunnerTest, OpenAndRevealGoToTheWorkspaceAndAMissingPathIsSaid) {
     run(ActionSpec::revealFile("/no/such/place"));
     EXPECT_TRUE(logged("Nothing at /no/such/place"));
     EXPECT_EQ(desktop.revealedPaths().size(), 1u);
+
+    // Mission Control is opened the same way; not on this machine, so the failure says where it looked.
+    run(ActionSpec::system(SystemCommand::missionControl));
+    EXPECT_TRUE(logged("Could not open file:///System/Applications/Mission%20Control.app: The file does not exist."));
 }
 
 TEST_F(ActionRunnerTest, AKeystrokeIsAMarkedDownAndUpWithItsModifiersAndANote) {
@@ -209,12 +210,6 @@ TEST_F(ActionRunnerTest, QuitRefusesTavrickAndSaysSoInCapitalsForAnyOtherApp) {
     desktop.activate(nameless);
     run(ActionSpec::system(SystemCommand::quitApplication));
     EXPECT_EQ(notes().back(), "[action] QUIT '?' (terminating the process)");
-}
-
-TEST_F(ActionRunnerTest, MissionControlOpensItsApplicationThroughTheWorkspace) {
-    run(ActionSpec::system(SystemCommand::missionControl));
-    // Not on this machine: the open fails and says where it looked.
-    EXPECT_TRUE(logged("Could not open file:///System/Applications/Mission%20Control.app: The file does not exist."));
 }
 
 TEST(FinderTarget, EveryCodeAndTheCustomPathRules) {

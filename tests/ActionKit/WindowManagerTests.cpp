@@ -61,14 +61,9 @@ TEST_F(WindowManagerTest, RestoreFramesAreKeptPerProcess) {
 TEST_F(WindowManagerTest, NextDisplayKeepsTheRelativePlaceAndCapsTheSize) {
     // From the 2560-wide display to the 1440-wide one, by way of previous (wrapping) and next.
     const Rect onLarge = rect(1440 + 640, 283, 2000, 1200);
-    {
-        auto element = desktop.application(editor);
-        auto window = element->focusedWindow();
-        ASSERT_TRUE(window);
-        const Rect ax = WindowLayout::accessibilityFrame(onLarge, 900);
-        window->setSize(ax.size);
-        window->setPosition(ax.origin);
-    }
+    const Rect ax = WindowLayout::accessibilityFrame(onLarge, 900);
+    desktop.application(editor)->focusedWindow()->setSize(ax.size);
+    desktop.application(editor)->focusedWindow()->setPosition(ax.origin);
     ASSERT_EQ(editorFrame(), onLarge);
     for (auto command : {WindowCommand::nextDisplay, WindowCommand::previousDisplay}) {
         apply(command);
@@ -80,21 +75,8 @@ TEST_F(WindowManagerTest, NextDisplayKeepsTheRelativePlaceAndCapsTheSize) {
     }
 }
 
-TEST_F(WindowManagerTest, WithOneDisplayNextDisplayDoesNothingAndRemembersNothing) {
-    desktop.setScreens({ScreenInfo{rect(0, 0, 1440, 900), rect(0, 70, 1440, 805)}});
-    apply(WindowCommand::nextDisplay);
-    apply(WindowCommand::previousDisplay);
-    EXPECT_TRUE(desktop.accessibilityWrites().empty());
-    windows->queue().sync([&] { EXPECT_EQ(windows->restoreFrame(editor), std::nullopt); });
-}
-
 TEST_F(WindowManagerTest, AWindowOffEveryScreenIsLaidOutOnTheFirstButNotMovedAcross) {
-    desktop.setScreens({ScreenInfo{rect(0, 0, 1440, 900), rect(0, 70, 1440, 805)},
-                        ScreenInfo{rect(1440, 0, 2560, 1440), rect(1440, 0, 2560, 1415)}});
-    {
-        auto window = desktop.application(editor)->focusedWindow();
-        window->setPosition({9000, 9000});
-    }
+    desktop.application(editor)->focusedWindow()->setPosition({9000, 9000});
     desktop.clearRecords();
     apply(WindowCommand::nextDisplay);
     EXPECT_TRUE(desktop.accessibilityWrites().empty());
@@ -174,12 +156,9 @@ TEST_F(WindowManagerTest, ARefusedSizeLeavesTheSizeButTheMoveStillHappens) {
 TEST_F(WindowManagerTest, TheSecondSizeCorrectsWhatTheScreenClampedOnTheWay) {
     // Taller than the laptop's visible frame, which clamps the first size; the large display has
     // room for it.
-    desktop.setWindowBehaviour(editorWindow, {});
-    {
-        auto window = desktop.application(editor)->focusedWindow();
-        window->setPosition({20, 0});
-        window->setSize({1400, 1300});
-    }
+    auto window = desktop.application(editor)->focusedWindow();
+    window->setPosition({20, 0});
+    window->setSize({1400, 1300});
     desktop.setWindowBehaviour(editorWindow, {.clampsToScreen = true});
     desktop.clearRecords();
     apply(WindowCommand::nextDisplay);
@@ -189,7 +168,11 @@ TEST_F(WindowManagerTest, TheSecondSizeCorrectsWhatTheScreenClampedOnTheWay) {
     EXPECT_GE(frame.minX(), 1440);
 }
 
-TEST_F(WindowManagerTest, NoScreensMeansNothingMovesAndZeroSizedScreensDoNotCrash) {
+TEST_F(WindowManagerTest, WithOneOrNoDisplayNothingMovesOrIsRememberedAndZeroSizedScreensDoNotCrash) {
+    // One display: there is no other to move to. None: there is nothing to lay out on.
+    desktop.setScreens({ScreenInfo{rect(0, 0, 1440, 900), rect(0, 70, 1440, 805)}});
+    apply(WindowCommand::nextDisplay);
+    apply(WindowCommand::previousDisplay);
     desktop.setScreens({});
     apply(WindowCommand::leftHalf);
     apply(WindowCommand::nextDisplay);

@@ -41,15 +41,19 @@ TEST(SimulatedDesktop, TheStateFileIsRewrittenOnChangeWithIntegralNumbersAndCoco
     const auto pid = desktop.addApplication({.pid = 501, .bundleID = "org.gnome.TextEditor", .name = "Text Editor"});
     const auto window = desktop.addWindow(pid, "Untitled", rect(200, 120, 800, 600));
     desktop.activate(pid);
-    desktop.writeStateTo(dir / "support/session-state.json", scheduler);
-    scheduler.runUntilIdle();
-    auto state = nlohmann::json::parse(readFile(dir / "support/session-state.json"));
+    const auto file = dir / "support/session-state.json";
+    const auto written = [&] {
+        scheduler.runUntilIdle();
+        return nlohmann::json::parse(readFile(file));
+    };
+    desktop.writeStateTo(file, scheduler);
+    auto state = written();
     EXPECT_EQ(state["frontmost"], "org.gnome.TextEditor");
     EXPECT_EQ(state["applications"][0]["windows"][0]["frame"],
               nlohmann::json({{"x", 200}, {"y", 180}, {"width", 800}, {"height", 600}}));
     EXPECT_EQ(state["permissions"]["accessibility"], "granted");
     // "200", never "200.0".
-    EXPECT_NE(readFile(dir / "support/session-state.json").find("\"x\": 200,"), std::string::npos);
+    EXPECT_NE(readFile(file).find("\"x\": 200,"), std::string::npos);
 
     // A burst of changes is one write, with the last state.
     auto element = desktop.application(pid)->focusedWindow();
@@ -57,8 +61,7 @@ TEST(SimulatedDesktop, TheStateFileIsRewrittenOnChangeWithIntegralNumbersAndCoco
     element->setPosition({0, 25});
     desktop.setAccessibilityPermission(SimulatedPermission::denied);
     EXPECT_EQ(scheduler.pendingBlocks(), 1u);
-    scheduler.runUntilIdle();
-    state = nlohmann::json::parse(readFile(dir / "support/session-state.json"));
+    state = written();
     EXPECT_EQ(state["applications"][0]["windows"][0]["frame"],
               nlohmann::json({{"x", 0}, {"y", 70}, {"width", 720}, {"height", 805}}));
     EXPECT_EQ(state["permissions"]["accessibility"], "denied");
@@ -66,18 +69,14 @@ TEST(SimulatedDesktop, TheStateFileIsRewrittenOnChangeWithIntegralNumbersAndCoco
     // Another device adds its own part and asks for a rewrite when it changes.
     int changeCount = 3;
     desktop.addStateSection("pasteboard", [&] { return nlohmann::json{{"changeCount", changeCount}}; });
-    scheduler.runUntilIdle();
-    EXPECT_EQ(nlohmann::json::parse(readFile(dir / "support/session-state.json"))["pasteboard"]["changeCount"], 3);
+    EXPECT_EQ(written()["pasteboard"]["changeCount"], 3);
     changeCount = 4;
     desktop.noteStateChange();
-    scheduler.runUntilIdle();
-    EXPECT_EQ(nlohmann::json::parse(readFile(dir / "support/session-state.json"))["pasteboard"]["changeCount"], 4);
+    EXPECT_EQ(written()["pasteboard"]["changeCount"], 4);
 
     // Fractions stay fractions.
     element->setSize({1000 / 3.0, 805});
-    scheduler.runUntilIdle();
-    state = nlohmann::json::parse(readFile(dir / "support/session-state.json"));
-    EXPECT_EQ(state["applications"][0]["windows"][0]["frame"]["width"].get<double>(), 1000 / 3.0);
+    EXPECT_EQ(written()["applications"][0]["windows"][0]["frame"]["width"].get<double>(), 1000 / 3.0);
 }
 
 TEST(SimulatedDesktop, AClampingWindowStaysInsideTheScreenItMostlyCovers) {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
+#include <optional>
 
 using namespace tavrick;
 using namespace tavrick::testing;
@@ -22,22 +22,20 @@ struct DesktopFolders {
         char pattern[] = "/tmp/tavrick-gio-XXXXXX";
         root = ::mkdtemp(pattern);
         const auto applications = root / "dirs/applications";
-        std::filesystem::create_directories(applications);
         std::filesystem::create_directories(root / "data/applications");
-        std::filesystem::create_directories(root / "config");
         const auto script = root / "mark.sh";
-        write(script, "#!/bin/sh\necho \"${*:-launched}\" >> \"" + (root / "marker").string() + "\"\n");
+        writeFile(script, "#!/bin/sh\necho \"${*:-launched}\" >> \"" + (root / "marker").string() + "\"\n");
         std::filesystem::permissions(script, std::filesystem::perms::owner_all);
 
-        write(applications / "org.example.Marker.desktop",
-              "[Desktop Entry]\nType=Application\nName=Marker\nExec=" + script.string() + "\n");
-        write(applications / "org.example.NoCommand.desktop", "[Desktop Entry]\nType=Application\nName=Nothing\n");
-        write(applications / "org.example.Opener.desktop",
-              "[Desktop Entry]\nType=Application\nName=Opener\nExec=" + script.string() +
-                  " %u\nMimeType=x-scheme-handler/tavrick-test;inode/directory;\n");
-        write(root / "config/mimeapps.list",
-              "[Default Applications]\nx-scheme-handler/tavrick-test=org.example.Opener.desktop\n"
-              "inode/directory=org.example.Opener.desktop\n");
+        writeFile(applications / "org.example.Marker.desktop",
+                  "[Desktop Entry]\nType=Application\nName=Marker\nExec=" + script.string() + "\n");
+        writeFile(applications / "org.example.NoCommand.desktop", "[Desktop Entry]\nType=Application\nName=Nothing\n");
+        writeFile(applications / "org.example.Opener.desktop",
+                  "[Desktop Entry]\nType=Application\nName=Opener\nExec=" + script.string() +
+                      " %u\nMimeType=x-scheme-handler/tavrick-test;inode/directory;\n");
+        writeFile(root / "config/mimeapps.list",
+                  "[Default Applications]\nx-scheme-handler/tavrick-test=org.example.Opener.desktop\n"
+                  "inode/directory=org.example.Opener.desktop\n");
 
         setenv("XDG_DATA_DIRS", (root / "dirs").c_str(), 1);
         setenv("XDG_DATA_HOME", (root / "data").c_str(), 1);
@@ -51,14 +49,7 @@ struct DesktopFolders {
         std::error_code error;
         std::filesystem::remove_all(root, error);
     }
-    static void write(const std::filesystem::path& path, const std::string& text) {
-        std::ofstream(path) << text;
-    }
-    std::string marker() const {
-        std::error_code error;
-        if (!std::filesystem::exists(root / "marker", error)) return "";
-        return readFile(root / "marker");
-    }
+    std::string marker() const { return readFile(root / "marker"); }  // "" before anything ran
     void clearMarker() const {
         std::error_code error;
         std::filesystem::remove(root / "marker", error);
@@ -122,20 +113,21 @@ TEST(GioLauncher, RevealOpensTheContainingFolderInTheFileManager) {
 }
 
 TEST(GioLauncher, ADesktopSessionIsADisplayServerNamedInTheEnvironment) {
-    const char* display = std::getenv("DISPLAY");
-    const char* wayland = std::getenv("WAYLAND_DISPLAY");
-    const std::string savedDisplay = display ? display : "";
-    const std::string savedWayland = wayland ? wayland : "";
-    unsetenv("DISPLAY");
-    unsetenv("WAYLAND_DISPLAY");
-    EXPECT_FALSE(GioLauncher::hasDesktopSession());
-    setenv("DISPLAY", "", 1);
-    EXPECT_FALSE(GioLauncher::hasDesktopSession());
-    setenv("DISPLAY", ":0", 1);
-    EXPECT_TRUE(GioLauncher::hasDesktopSession());
-    unsetenv("DISPLAY");
-    setenv("WAYLAND_DISPLAY", "wayland-0", 1);
-    EXPECT_TRUE(GioLauncher::hasDesktopSession());
-    display ? setenv("DISPLAY", savedDisplay.c_str(), 1) : unsetenv("DISPLAY");
-    wayland ? setenv("WAYLAND_DISPLAY", savedWayland.c_str(), 1) : unsetenv("WAYLAND_DISPLAY");
+    const char* names[] = {"DISPLAY", "WAYLAND_DISPLAY"};
+    std::optional<std::string> saved[2];
+    for (int i = 0; i < 2; ++i)
+        if (const char* v = std::getenv(names[i])) saved[i] = v;
+    struct Case {
+        const char* display;
+        const char* wayland;
+        bool expected;
+    };
+    for (const auto& c : {Case{nullptr, nullptr, false}, Case{"", nullptr, false}, Case{":0", nullptr, true},
+                          Case{nullptr, "wayland-0", true}}) {
+        c.display ? setenv("DISPLAY", c.display, 1) : unsetenv("DISPLAY");
+        c.wayland ? setenv("WAYLAND_DISPLAY", c.wayland, 1) : unsetenv("WAYLAND_DISPLAY");
+        EXPECT_EQ(GioLauncher::hasDesktopSession(), c.expected) << (c.display ? c.display : "-") << " "
+                                                                << (c.wayland ? c.wayland : "-");
+    }
+    for (int i = 0; i < 2; ++i) saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);
 }
