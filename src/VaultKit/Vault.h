@@ -36,6 +36,7 @@ public:
     std::vector<VaultItem> sorted() const;
     bool hasUnlockShortcut() const;
     Biometrics::Availability biometrics();
+    Authenticator& authenticator() const { return authenticator_; }
     const VaultKeychain& keychain() const { return keychain_; }
 
     void create(std::optional<std::string> passphrase, Done done);
