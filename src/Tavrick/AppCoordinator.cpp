@@ -171,6 +171,12 @@ AppCoordinator::~AppCoordinator() {
 void AppCoordinator::installClosures() {
     std::weak_ptr<AppCoordinator> weak = weak_from_this();
 
+    // The vault's timers read the settings as they are when each one starts.
+    vaultSession_ = std::make_unique<VaultSession>(
+        env_.scheduler, *env_.pasteboard, [this] { return static_cast<int>(settings_->vaultLockSeconds.get()); },
+        [this] { return static_cast<int>(settings_->vaultClipboardSeconds.get()); });
+    vaultPanel_ = std::make_unique<VaultPanel>(*vault_, *vaultSession_);
+
     // Engines hear about every change first, in a fixed order, on the calling thread.
     store_->onChange = [weak](const std::vector<Mapping>& mappings) {
         auto self = weak.lock();

@@ -38,6 +38,7 @@
 #include "TweakKit/TweakController.h"
 #include "WebServerKit/StaticFileServer.h"
 #include "VaultKit/Vault.h"
+#include "VaultKit/VaultPanel.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -178,6 +179,8 @@ public:
     void setNetworkMonitor(bool enabled);
     Notepad& notepad() { return *notepad_; }
     Vault& vault() { return *vault_; }
+    // What the vault's window would show, for the menu to draw; its timers read the settings.
+    VaultPanel& vaultPanel() { return *vaultPanel_; }
     AwakeController& awake() { return *awake_; }
     LidWatcher& lid() { return *lid_; }
     PomodoroController& pomodoro() { return *pomodoro_; }
@@ -260,6 +263,9 @@ private:
     bool holdsFlowWatcher_ = false;
     std::vector<Observation> networkObservations_;
     Cancellable launchAnnouncement_;
+    // Made once the settings exist: the auto-lock and the pasteboard clearing read them.
+    std::unique_ptr<VaultSession> vaultSession_;
+    std::unique_ptr<VaultPanel> vaultPanel_;
 };
 
 } // namespace tavrick

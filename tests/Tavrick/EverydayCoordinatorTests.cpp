@@ -195,3 +195,36 @@ TEST_F(EverydayTest, TheLidIsDescribedAtLaunchAndWatchedFromThen) {
     const auto json = nlohmann::json::parse(stored->asData()->begin(), stored->asData()->end());
     EXPECT_EQ(json["battery"]["outcome"], "keptRunning");
 }
+
+TEST_F(EverydayTest, AVaultCopySkipsTheHistoryAndItsTimersFollowTheSettings) {
+    defaults.set("vaultClipboardSeconds", std::int64_t{15});
+    defaults.set("vaultLockSeconds", std::int64_t{60});
+    auto& app = make();
+    app.start();
+    auto& panel = app.vaultPanel();
+    std::optional<std::optional<std::string>> created;
+    panel.submitCreate(std::nullopt, false, [&](std::optional<std::string> error) { created = error; });
+    scheduler.runUntilIdle();
+    ASSERT_TRUE(created.has_value());
+    ASSERT_EQ(*created, std::nullopt);
+    auto& editor = panel.beginAdd(VaultKind::apiKey);
+    editor.setTitle("Deploy");
+    editor.set("key", "sk-live-0123456789");
+    ASSERT_TRUE(panel.confirmEditor());
+    const UUID id = app.vault().items.get().front().id;
+
+    panel.copy(id, "key");
+    EXPECT_EQ(panel.message(), "Copied \u2014 the pasteboard clears in 15s, and the history skipped it.");
+    scheduler.advance(1.0);
+    EXPECT_TRUE(app.clipboard().history().get().items().empty()) << "the concealed copy was recorded";
+    scheduler.advance(14.0);
+    EXPECT_EQ(pasteboard->string(), std::nullopt);
+
+    // A minute after the last use the vault locks by itself; nothing of it is in the log.
+    scheduler.advance(45.0);
+    EXPECT_FALSE(app.vault().isUnlocked.get());
+    for (const auto& line : notes()) {
+        EXPECT_EQ(line.find("sk-live"), std::string::npos) << line;
+        EXPECT_EQ(line.find("Deploy"), std::string::npos) << line;
+    }
+}
