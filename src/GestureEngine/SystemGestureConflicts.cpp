@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <map>
 
 namespace tavrick {
 
@@ -73,7 +74,14 @@ bool SystemGestureSettings::dockFlag(const OpenDomain& open, const std::string& 
     return value ? booleanValue(*value) : defaultValue;
 }
 
-SystemGestureSettings SystemGestureSettings::current(const OpenDomain& open) {
+SystemGestureSettings SystemGestureSettings::current(const OpenDomain& openAfresh) {
+    // Each domain is opened once for all eight keys, so that one reading is one state of it.
+    std::map<std::string, std::shared_ptr<const PreferenceStore>> opened;
+    const OpenDomain open = [&](const std::string& domain) {
+        auto it = opened.find(domain);
+        if (it == opened.end()) it = opened.emplace(domain, openAfresh ? openAfresh(domain) : nullptr).first;
+        return it->second;
+    };
     SystemGestureSettings s;
     s.threeFingerVertical = anyDomainEnables(open, "TrackpadThreeFingerVertSwipeGesture", false);
     s.fourFingerVertical = anyDomainEnables(open, "TrackpadFourFingerVertSwipeGesture", true);

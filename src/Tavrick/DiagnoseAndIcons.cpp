@@ -35,6 +35,11 @@ int renderIconsAndExit(Context& context, const std::filesystem::path& folder) {
     auto& out = context.out;
     // The folder is made when it is missing: asking for pictures in it is asking for it.
     std::error_code made;
+    if (folder.empty()) {
+        // An empty argument is no folder, and never the current directory by accident.
+        out << "could not render " << IconArt::files().front().name << "\n  (no folder was given)\n";
+        return 1;
+    }
     std::filesystem::create_directories(folder, made);
     for (const auto& file : IconArt::files()) {
         const auto path = folder / file.name;

@@ -137,6 +137,14 @@ TEST(SystemGestureSettings, CurrentReadsEachFlagFromItsOwnKey) {
     EXPECT_FALSE(flipped.fourFingerSpread);
     EXPECT_FALSE(flipped.missionControl);
     EXPECT_FALSE(flipped.appExpose);
+
+    // One reading opens each domain once, so that it sees one state of each file.
+    std::map<std::string, int> opens;
+    SystemGestureSettings::current([&](const std::string& name) -> std::shared_ptr<const PreferenceStore> {
+        ++opens[name];
+        return nullptr;
+    });
+    EXPECT_EQ(opens, (std::map<std::string, int>{{builtIn, 1}, {bluetooth, 1}, {dock, 1}}));
 }
 
 TEST(SystemGestureConflicts, TheRuleTableWithItsExactAdvice) {
