@@ -592,7 +592,7 @@ std::vector<SystemGestureConflicts::MappingConflict> AppCoordinator::gestureConf
 void AppCoordinator::noteGestureConflicts() {
     for (const auto& found : gestureConflicts()) {
         const auto* gesture = found.mapping.trigger.asGesture();
-        env_.log.note("gesture", "“" + found.mapping.effectiveName() + "” (" + gesture->displayString() +
+        env_.log.note("gesture", "'" + found.mapping.effectiveName() + "' (" + gesture->displayString() +
                                      ") — macOS uses this for " + found.conflict.systemFeature);
     }
 }

@@ -177,7 +177,7 @@ TEST_F(GestureCoordinatorTest, WakingReopensTheTrackpadStreamOnlyWhenItRan) {
 
 TEST_F(GestureCoordinatorTest, BindingsTheSystemAlsoAnswersAreNotedWhenTheTrackpadIsReadAndOnEachRestart) {
     const std::string line =
-        "[gesture] “Back” (3-finger swipe left) — macOS uses this for Swipe between full-screen applications";
+        "[gesture] 'Back' (3-finger swipe left) — macOS uses this for Swipe between full-screen applications";
     auto countLine = [&] {
         auto all = notes();
         return std::count(all.begin(), all.end(), line);
