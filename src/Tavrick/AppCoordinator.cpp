@@ -579,11 +579,28 @@ void AppCoordinator::startEngines() {
     try {
         gestures_->start();
         gestureError_.set(std::nullopt);
+        noteGestureConflicts();
     } catch (const std::exception& error) {
         Log::gesture.error("Gesture engine did not start: %s", error.what());
         gestureError_.set(std::string(error.what()));
     }
     isRestartingEngines_ = false;
+}
+
+std::vector<SystemGestureConflicts::MappingConflict> AppCoordinator::gestureConflicts() const {
+    auto settings = SystemGestureSettings::current([](const std::string& domain) -> std::shared_ptr<const PreferenceStore> {
+        return std::make_shared<JSONPreferenceStore>(JSONPreferenceStore::fileForDomain(domain));
+    });
+    return SystemGestureConflicts::scan(store_->mappings().get(), settings);
+}
+
+// Once the trackpad is read, the log says which bindings the system will answer as well.
+void AppCoordinator::noteGestureConflicts() {
+    for (const auto& found : gestureConflicts()) {
+        const auto* gesture = found.mapping.trigger.asGesture();
+        env_.log.note("gesture", "'" + found.mapping.effectiveName() + "' (" + gesture->displayString() +
+                                     ") — macOS uses this for " + found.conflict.systemFeature);
+    }
 }
 
 void AppCoordinator::stopEngines() {

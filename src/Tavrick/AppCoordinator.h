@@ -22,6 +22,7 @@
 #include "CoreKit/Workspace.h"
 #include "CoreKit/WorkspaceNotifications.h"
 #include "GestureEngine/GestureEngine.h"
+#include "GestureEngine/SystemGestureConflicts.h"
 #include "FanKit/FanController.h"
 #include "FanKit/FanMonitor.h"
 #include "HotkeyEngine/HotkeyEngine.h"
@@ -143,6 +144,9 @@ public:
     // The last gesture the trackpad recognised, for the bindings pane.
     const Observable<std::optional<GestureSpec>>& lastGesture() const { return lastGesture_; }
     void clearLastGesture() { lastGesture_.set(std::nullopt); }
+    // The enabled gesture bindings the system acts on too, as its trackpad and Dock preferences
+    // say now, in file order; `SystemGestureConflicts::advice` gives what to show for each.
+    std::vector<SystemGestureConflicts::MappingConflict> gestureConflicts() const;
     // Which permission keeps the engines from starting, while one does.
     std::optional<Permission> blockingPermission() const;
     // Asks for the permission and shows its settings pane; Input Monitoring's pane only when the
@@ -204,6 +208,7 @@ private:
     explicit AppCoordinator(AppEnvironment environment);
     void installClosures();
     void startEngines();
+    void noteGestureConflicts();
     void stopEngines();
     void announceLaunch();
     void runOnMain(const Mapping& mapping);

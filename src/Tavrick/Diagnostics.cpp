@@ -339,6 +339,8 @@ int postStrokeAndExit(Context& context, const std::string& strokes) {
 
 int run(Context& context, const DiagnosticCommand& command) {
     switch (command.flag) {
+    case DiagnosticFlag::diagnose: return runAndExit(context);
+    case DiagnosticFlag::renderIcons: return renderIconsAndExit(context, command.folder);
     case DiagnosticFlag::postKey: return postKeyAndExit(context, command.keyCode, command.modifiers);
     case DiagnosticFlag::log: return printLogAndExit(context);
     case DiagnosticFlag::tapSelfTest: return runTapSelfTestAndExit(context);

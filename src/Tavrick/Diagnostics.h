@@ -33,6 +33,13 @@ struct Context {
 
 int run(Context& context, const DiagnosticCommand& command);
 
+// The report of what this copy is and holds: bundle, version, login item, fan helper and the
+// permissions. Reads only. 1 when Accessibility is not granted.
+int runAndExit(Context& context);
+// The application icon at its sizes and the menu bar glyph, as PNG files in `folder`, made when
+// missing; "could not render <file>" and 1 at the first picture that cannot be written.
+int renderIconsAndExit(Context& context, const std::filesystem::path& folder);
+
 int printLogAndExit(Context& context);
 int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifiers);
 int runTapSelfTestAndExit(Context& context);

@@ -2,6 +2,7 @@
 #include "CoreKit/Directories.h"
 #include "FanKit/FanMonitor.h"
 #include "Platform/Linux/FanHelperSocket.h"
+#include "Tavrick/DiagnosticReport.h"
 #include "Tavrick/Diagnostics.h"
 #include "Tavrick/FanHost.h"
 
@@ -21,15 +22,6 @@ std::string fanList(const std::vector<int>& fans) {
     std::string out;
     for (int f : fans) out += (out.empty() ? "" : ", ") + std::to_string(f);
     return out.empty() ? "none" : out;
-}
-
-std::string describeFanHelper(HelperServiceStatus status) {
-    switch (status) {
-    case HelperServiceStatus::enabled: return "enabled (allowed in Login Items)";
-    case HelperServiceStatus::requiresApproval: return "registered, waiting for approval in Login Items";
-    case HelperServiceStatus::notRegistered: return "not registered (Boost installs it the first time it is chosen)";
-    default: return "not registered yet — macOS has never seen it (Boost installs it the first time it is chosen)";
-    }
 }
 
 std::string helloFields(const Reply::Hello& hello) {

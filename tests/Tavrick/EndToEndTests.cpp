@@ -2,13 +2,16 @@
 // These run the real program, as a user would, against a temporary home.
 #include "Support/Process.h"
 #include "Support/TempDir.h"
+#include "ArtKit/Bitmap.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <thread>
+#include <tuple>
 
 using namespace tavrick::testing;
 
@@ -35,12 +38,115 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
     return count;
 }
 
+// Every file and folder under `root` with its size and modification time: equal snapshots mean
+// nothing was created, removed or written.
+std::vector<std::string> snapshot(const std::filesystem::path& root) {
+    std::vector<std::string> entries;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        std::string line = entry.path().string();
+        if (entry.is_regular_file()) {
+            line += " " + std::to_string(entry.file_size()) + " " +
+                    std::to_string(entry.last_write_time().time_since_epoch().count());
+        }
+        entries.push_back(line);
+    }
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
+std::string ownName() {
+    std::string name = readFile("/proc/self/comm");
+    while (!name.empty() && name.back() == '\n') name.pop_back();
+    return name;
+}
+
 } // namespace
+
+TEST(EndToEnd, TheReportReadsEverythingAndWritesNothing) {
+    TempDir root;
+    const auto environment = isolatedEnvironment(root.path());
+    std::filesystem::create_directories(root / "home");
+    const auto before = snapshot(root.path());
+    auto result = runProcess({binary, "--diagnose"}, environment);
+    EXPECT_EQ(result.status, 0) << result.output;
+    // This test program started it, so the report warns that its permissions may be ours.
+    const std::string me = ownName();
+    const std::string head = "Tavrick diagnostics\n"
+                             "⚠︎  Launched by " + me + " — the results below may reflect\n" +
+                             me + "'s permissions, not Tavrick's own. For a true\n"
+                             "   reading, launch Tavrick normally and check the Settings window.\n"
+                             "bundle path      : ";
+    EXPECT_EQ(result.output.rfind(head, 0), 0u) << result.output;
+    std::size_t at = 0;
+    for (const std::string line : {"\nbundle id        : com.orvell.tavrick\n", "\nversion          : ",
+                                   "\nOpen at login    : not registered (off, and available to turn on)\n",
+                                   "\nFan helper       : not registered (Boost installs it the first time it is chosen)\n",
+                                   "\nAccessibility    : granted\n", "\nInput Monitoring : granted\n",
+                                   "\n  listen-only    : granted\n", "\n  active (needed): granted\n",
+                                   "\n  MTTouch size   : 96 (OK)\n",
+                                   "\n  SMC layout     : 80 bytes, keyInfo @28, result @40, data32 @44, bytes @48 (OK)\n"}) {
+        const auto found = result.output.find(line, at);
+        EXPECT_NE(found, std::string::npos) << "missing or out of order: " << line << "\n" << result.output;
+        if (found != std::string::npos) at = found;
+    }
+    EXPECT_EQ(result.output.find("→"), std::string::npos);
+    EXPECT_EQ(snapshot(root.path()), before) << "the report created or changed a file";
+
+    // A running session that holds no Accessibility: the report says so, ends with the advice,
+    // and leaves the session's file as it was.
+    const auto state = supportDir(root) / "session-state.json";
+    writeFile(state, R"({"permissions": {"accessibility": "denied", "inputMonitoring": "notDetermined"}})");
+    const auto withState = snapshot(root.path());
+    auto refused = runProcess({binary, "--diagnose"}, environment);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("\nAccessibility    : denied\nInput Monitoring : unknown (never asked)\n"),
+              std::string::npos)
+        << refused.output;
+    EXPECT_TRUE(refused.output.ends_with("  then add it again, or sign with a stable identity.\n")) << refused.output;
+    EXPECT_EQ(snapshot(root.path()), withState);
+}
+
+TEST(EndToEnd, IconsAreWrittenAsPicturesAndAFolderThatCannotBeMadeIsSaid) {
+    TempDir root;
+    const auto environment = isolatedEnvironment(root.path());
+    const auto folder = root / "icons/new";
+    auto result = runProcess({binary, "--render-icons", folder.string()}, environment);
+    EXPECT_EQ(result.status, 0) << result.output;
+    const std::vector<std::pair<std::string, int>> expected = {
+        {"icon_16x16.png", 16},   {"icon_16x16@2x.png", 32},   {"icon_32x32.png", 32},   {"icon_32x32@2x.png", 64},
+        {"icon_128x128.png", 128}, {"icon_128x128@2x.png", 256}, {"icon_256x256.png", 256}, {"icon_256x256@2x.png", 512},
+        {"icon_512x512.png", 512}, {"icon_512x512@2x.png", 1024},
+    };
+    std::string lines;
+    for (const auto& [name, side] : expected) {
+        auto picture = tavrick::Bitmap::fromPNG(readFile(folder / name));
+        ASSERT_TRUE(picture) << name;
+        EXPECT_EQ(picture->width, side) << name;
+        EXPECT_EQ(picture->height, side) << name;
+        lines += "wrote " + (folder / name).string() + "  " + std::to_string(side) + "×" + std::to_string(side) + "\n";
+    }
+    for (const auto& [name, w, h] : {std::tuple{"MenuBarGlyph.png", 18, 16}, std::tuple{"MenuBarGlyph@2x.png", 36, 32}}) {
+        auto picture = tavrick::Bitmap::fromPNG(readFile(folder / name));
+        ASSERT_TRUE(picture) << name;
+        EXPECT_EQ(std::pair(picture->width, picture->height), std::pair(w, h)) << name;
+        lines += "wrote " + (folder / name).string() + "  " + std::to_string(w) + "×" + std::to_string(h) + "\n";
+    }
+    EXPECT_EQ(result.output, lines);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 12) << "no temporary file left behind";
+
+    // A file where the folder should be: even root cannot make a folder inside it.
+    writeFile(root / "plain", "not a folder");
+    auto refused = runProcess({binary, "--render-icons", (root / "plain/icons").string()}, environment);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output, "could not render " + (root / "plain/icons/icon_16x16.png").string() +
+                                  "\n  (the folder could not be made: Not a directory)\n");
+    EXPECT_EQ(readFile(root / "plain"), "not a folder");
+}
 
 TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     TempDir root;
     const std::vector<std::vector<std::string>> commands = {
-        {"--diagnose"}, {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"},
+        {"--probe-selection", "2.5"},
     };
     for (const auto& command : commands) {
         std::vector<std::string> arguments{binary};

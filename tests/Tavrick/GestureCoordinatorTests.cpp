@@ -1,6 +1,7 @@
 // The coordinator's side of the trackpad and mouse engines: start order, errors, the master
 // switch and waking from sleep.
 #include "CoreKit/DiagnosticLog.h"
+#include "CoreKit/Directories.h"
 #include "CoreKit/Log.h"
 #include "CoreKit/ManualScheduler.h"
 #include "CoreKit/PreferenceStore.h"
@@ -14,6 +15,8 @@
 #include "Tavrick/CoordinatorHarness.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 
 using namespace tavrick;
@@ -170,4 +173,43 @@ TEST_F(GestureCoordinatorTest, WakingReopensTheTrackpadStreamOnlyWhenItRan) {
     log->flush();
     EXPECT_EQ(log->contents(), before);
     EXPECT_FALSE(coordinator->gestures().isRunning());
+}
+
+TEST_F(GestureCoordinatorTest, BindingsTheSystemAlsoAnswersAreNotedWhenTheTrackpadIsReadAndOnEachRestart) {
+    const std::string line =
+        "[gesture] 'Back' (3-finger swipe left) — macOS uses this for Swipe between full-screen applications";
+    auto countLine = [&] {
+        auto all = notes();
+        return std::count(all.begin(), all.end(), line);
+    };
+    // Nothing set: three-finger swipes sideways are the user's.
+    make(trackpad)->start();
+    EXPECT_TRUE(coordinator->gestureConflicts().empty());
+    EXPECT_EQ(countLine(), 0);
+
+    // The Bluetooth trackpad turns it on; the built-in one's zero does not stand against it.
+    const auto preferences = Directories::current().preferences();
+    writeFile(preferences / "com.apple.AppleMultitouchTrackpad/defaults.json",
+              R"({"TrackpadThreeFingerHorizSwipeGesture": 0})");
+    writeFile(preferences / "com.apple.driver.AppleBluetoothMultitouch.trackpad/defaults.json",
+              R"({"TrackpadThreeFingerHorizSwipeGesture": 2})");
+    const auto found = coordinator->gestureConflicts();
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].mapping.name, "Back");
+    EXPECT_EQ(SystemGestureConflicts::advice(found[0].conflict).title,
+              "macOS also uses this gesture for Swipe between full-screen applications");
+    EXPECT_EQ(countLine(), 0) << "read when asked; noted only when the engine starts";
+
+    coordinator->setEnabled(false);
+    EXPECT_EQ(countLine(), 0);
+    coordinator->setEnabled(true);
+    EXPECT_EQ(countLine(), 1);
+    coordinator->retryEngines();
+    EXPECT_EQ(countLine(), 2);
+
+    // A disabled binding is no conflict, and the files were only read.
+    coordinator->store().setEnabled(false, found[0].mapping.id);
+    EXPECT_TRUE(coordinator->gestureConflicts().empty());
+    EXPECT_EQ(readFile(preferences / "com.apple.AppleMultitouchTrackpad/defaults.json"),
+              R"({"TrackpadThreeFingerHorizSwipeGesture": 0})");
 }
