@@ -88,6 +88,8 @@ PreferenceValue fromPlist(plist_t node) {
         PreferenceValue::Dictionary dict;
         plist_dict_iter iterator = nullptr;
         plist_dict_new_iter(node, &iterator);
+        // Freed on every way out, an unreadable value's included.
+        std::unique_ptr<void, decltype(&std::free)> ownedIterator(iterator, &std::free);
         for (;;) {
             char* key = nullptr;
             plist_t element = nullptr;
@@ -100,7 +102,6 @@ PreferenceValue fromPlist(plist_t node) {
             std::free(key);
             dict.emplace(std::move(name), fromPlist(element));
         }
-        std::free(iterator);
         return PreferenceValue(std::move(dict));
     }
     default:
