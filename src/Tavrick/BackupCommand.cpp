@@ -16,7 +16,8 @@ std::optional<Request> parse(const std::vector<std::string>& arguments, std::vec
                               std::pair{importFlag, Request::Kind::importBackup}}) {
         auto at = std::find(arguments.begin(), arguments.end(), flag);
         if (at == arguments.end()) continue;
-        if (at + 1 == arguments.end() || (at + 1)->empty()) {
+        // Another flag where the file should be means the file was forgotten.
+        if (at + 1 == arguments.end() || (at + 1)->empty() || (at + 1)->rfind("--", 0) == 0) {
             if (problems) problems->push_back(std::string(flag) + " needs a backup file; ignoring it");
             continue;
         }

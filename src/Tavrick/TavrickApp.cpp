@@ -173,7 +173,7 @@ int TavrickApp::main(int argc, char** argv) {
     JSONPreferenceStore defaults(defaultsFile, &log);
     // In the foreground the terminal shows what needs attention; the events themselves are in
     // the diagnostic log (tavrick --log).
-    Log::setMinimumLevel(LogLevel::notice);
+    Log::setMinimumLevel(backup ? LogLevel::error : LogLevel::notice);
     // The simulated session has no layout of its own: key names fall through to the US names.
     auto layout = KeyboardLayoutCache::make(x11 ? x11->events->layoutSource() : KeyboardLayoutSource{}, scheduler);
     KeyCodes::installLayoutCache(layout);

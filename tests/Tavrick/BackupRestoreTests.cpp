@@ -1,5 +1,6 @@
 #include "BackupKit/SettingsSnapshot.h"
 #include "CoreKit/ManualScheduler.h"
+#include "Tavrick/BackupCommand.h"
 #include "Tavrick/BackupFile.h"
 #include "Tavrick/BackupRestore.h"
 #include "Tavrick/BackupSection.h"
@@ -501,6 +502,31 @@ TEST(BackupFile, TheFileIsTheOwnersAloneBeforeAndAfter) {
     const auto failure = BackupFile::write(archive, root / "no/such/folder/b.json");
     ASSERT_TRUE(failure.has_value());
     EXPECT_EQ(failure->rfind("The backup could not be created at ", 0), 0u) << *failure;
+}
+
+TEST(BackupCommand, FindsTheFlagAndItsFile) {
+    using Kind = BackupCommand::Request::Kind;
+    struct Case {
+        std::vector<std::string> arguments;
+        std::optional<BackupCommand::Request> expected;
+        std::size_t problems;
+    };
+    const std::vector<Case> cases = {
+        {{"tavrick"}, std::nullopt, 0},
+        {{"tavrick", "--export-backup", "out.json"}, BackupCommand::Request{Kind::exportBackup, "out.json"}, 0},
+        {{"tavrick", "--import-backup", "in.json", "--export-backup", "out.json"},
+         BackupCommand::Request{Kind::exportBackup, "out.json"}, 0},
+        {{"tavrick", "--import-backup"}, std::nullopt, 1},
+        {{"tavrick", "--import-backup", ""}, std::nullopt, 1},
+        {{"tavrick", "--export-backup", "--import-backup", "in.json"},
+         BackupCommand::Request{Kind::importBackup, "in.json"}, 1},
+        {{"tavrick", "--export-backup"}, std::nullopt, 1},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> problems;
+        EXPECT_EQ(BackupCommand::parse(c.arguments, &problems), c.expected) << c.arguments.size();
+        EXPECT_EQ(problems.size(), c.problems);
+    }
 }
 
 } // namespace
