@@ -212,10 +212,13 @@ void BackupImportModel::restore(std::function<void(const BackupRestore::Outcome&
         if (done) done(*outcome_);
         return;
     }
-    BackupRestore::apply(pending_->archive, plan, passphrase, target_, [this, done](BackupRestore::Outcome outcome) {
-        outcome_ = std::move(outcome);
-        if (done) done(*outcome_);
-    });
+    std::weak_ptr<int> alive = alive_;
+    BackupRestore::apply(pending_->archive, plan, passphrase, target_,
+                         [this, alive, done](BackupRestore::Outcome outcome) {
+                             if (!alive.lock()) return;
+                             outcome_ = std::move(outcome);
+                             if (done) done(*outcome_);
+                         });
 }
 
 } // namespace tavrick

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -136,6 +137,8 @@ private:
     BackupTarget& target_;
     std::optional<PendingImport> pending_;
     std::optional<BackupRestore::Outcome> outcome_;
+    // A sheet closed while its restore runs hears nothing of the end.
+    std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 
 } // namespace tavrick
