@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <unistd.h>
 
 namespace tavrick {
 
@@ -127,6 +128,20 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       programs_(lookupByPathOrName(ToolRunner::fallbackPath(env_.home))),
       networkTools_(std::make_unique<ToolRun>(programs_)) {
     clipboard_->frontmostApplication = env_.frontmostApplication;
+    backup_ = std::make_unique<BackupTarget>(BackupTarget{
+        env_.defaults, *settings_, *store_, *notepad_, *vault_, keychain_, env_.log, env_.scheduler,
+        env_.version + " (" + env_.build + ")",
+        [] {
+            char name[256] = {};
+            return ::gethostname(name, sizeof name - 1) == 0 ? std::string(name) : std::string();
+        },
+        [this](const Tweak& tweak) { return tweaks_->isOn(tweak); },
+        [this](const std::vector<Tweak>& tweaks, std::function<void(int)> done) { tweaks_->applyAll(tweaks, std::move(done)); },
+        // Window snapping and the selection watcher follow the settings once this build has them;
+        // the network watcher takes its settings now.
+        [this] {
+            if (started_) syncFlowSettings();
+        }});
     if (auto f = env_.fans) {
         fans_ = std::make_unique<FanMonitor>(env_.scheduler, env_.log, *f->monitorReader, *f->monitorSensors);
         SMCReader* reader = f->controllerReader;

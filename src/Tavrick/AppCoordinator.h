@@ -40,6 +40,7 @@
 #include "WebServerKit/StaticFileServer.h"
 #include "VaultKit/Vault.h"
 #include "VaultKit/VaultPanel.h"
+#include "Tavrick/BackupSection.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -182,6 +183,10 @@ public:
     // Turns the network watcher on or off and stores the choice.
     void setNetworkMonitor(bool enabled);
     Notepad& notepad() { return *notepad_; }
+    // The backup's view of the stores, and its two sheets without a window.
+    BackupTarget& backupTarget() { return *backup_; }
+    std::unique_ptr<BackupExportModel> makeBackupExport() { return std::make_unique<BackupExportModel>(*backup_); }
+    std::unique_ptr<BackupImportModel> makeBackupImport() { return std::make_unique<BackupImportModel>(*backup_); }
     Vault& vault() { return *vault_; }
     // What the vault's window would show, for the menu to draw; its timers read the settings.
     VaultPanel& vaultPanel() { return *vaultPanel_; }
@@ -251,6 +256,7 @@ private:
     std::shared_ptr<TweakController> tweaks_;
     ProgramLookup programs_;
     std::unique_ptr<ToolRun> networkTools_;
+    std::unique_ptr<BackupTarget> backup_;
     bool pomodoroHoldsAwake_ = false;
     // Set while the clipboard and its settings are being brought in line with each other.
     bool mirroringClipboard_ = false;

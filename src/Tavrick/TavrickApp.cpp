@@ -45,6 +45,7 @@
 #include "Platform/X11/X11EventSystem.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/AppDelegate.h"
+#include "Tavrick/BackupCommand.h"
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
 #include "Tavrick/FanHost.h"
@@ -144,6 +145,7 @@ int TavrickApp::main(int argc, char** argv) {
     std::vector<std::string> arguments(argv, argv + argc);
     std::vector<std::string> problems;
     auto command = CommandLine::parse(arguments, &problems);
+    auto backup = command ? std::nullopt : BackupCommand::parse(arguments, &problems);
     for (const auto& problem : problems) Log::core.notice("%s", problem.c_str());
     std::string x11Why;
     auto x11 = openX11(x11Why);
@@ -160,8 +162,10 @@ int TavrickApp::main(int argc, char** argv) {
     }
 
     const auto defaultsFile = JSONPreferenceStore::applicationFile();
-    // One copy at a time: a second would share the first one's files and taps.
-    if (SessionBridge::isListening(sessionSocketPath())) {
+    // One copy at a time: a second would share the first one's files and taps. Writing a backup
+    // only reads them; a restore would be written over by the running copy.
+    if (SessionBridge::isListening(sessionSocketPath()) &&
+        (!backup || backup->kind == BackupCommand::Request::Kind::importBackup)) {
         std::cout << "Tavrick is already running (its session listens at " << sessionSocketPath().string() << ").\n";
         return 1;
     }
@@ -169,7 +173,7 @@ int TavrickApp::main(int argc, char** argv) {
     JSONPreferenceStore defaults(defaultsFile, &log);
     // In the foreground the terminal shows what needs attention; the events themselves are in
     // the diagnostic log (tavrick --log).
-    Log::setMinimumLevel(LogLevel::notice);
+    Log::setMinimumLevel(backup ? LogLevel::error : LogLevel::notice);
     // The simulated session has no layout of its own: key names fall through to the US names.
     auto layout = KeyboardLayoutCache::make(x11 ? x11->events->layoutSource() : KeyboardLayoutSource{}, scheduler);
     KeyCodes::installLayoutCache(layout);
@@ -310,6 +314,23 @@ int TavrickApp::main(int argc, char** argv) {
         .processControl = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), scheduler),
         .selfPID = getpid(),
     };
+
+    if (backup) {
+        // The stores as the program would hold them, without starting any engine.
+        Log::setMinimumLevel(LogLevel::error);
+        auto coordinator = AppCoordinator::make(environment);
+        BackupCommand::Console console{
+            BackupCommand::readSecretLine,
+            [&scheduler](const std::function<bool()>& finished) {
+                while (!finished()) scheduler.runMainFor(0.05);
+            },
+            std::cout};
+        const int status = BackupCommand::run(*coordinator, *backup, console);
+        coordinator->notepad().flush();
+        std::cout.flush();
+        log.flush();
+        return status;
+    }
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
               << "  log      : " << log.fileURL().string() << "\n"
