@@ -1,4 +1,5 @@
 #include "PlatformDBus/Buses.h"
+#include "Support/TempDir.h"
 
 #include <unistd.h>
 
@@ -8,10 +9,33 @@
 
 namespace tavrick::testing {
 
+namespace {
+
+// A session bus with nothing installed: no service is started on demand, so a test decides
+// exactly which services are there.
+const char* bareBusConfig = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:tmpdir=/tmp</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+    <allow user="*"/>
+  </policy>
+</busconfig>
+)";
+
+} // namespace
+
 PrivateBus::PrivateBus() {
     if (::access("/usr/bin/dbus-daemon", X_OK) != 0) return;
+    writeFile(directory_ / "bus.conf", bareBusConfig);
     daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address"},
+        std::vector<std::string>{"/usr/bin/dbus-daemon", "--config-file=" + (directory_ / "bus.conf").string(), "--nofork",
+                                 "--nopidfile", "--print-address"},
         std::map<std::string, std::string>{{"PATH", "/usr/bin:/bin"}});
     if (!daemon_->waitForOutput("\n", 10)) return;
     address_ = daemon_->output().substr(0, daemon_->output().find('\n'));

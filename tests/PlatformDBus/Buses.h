@@ -4,6 +4,7 @@
 // do not run headless. Each stand-in has a connection of its own with sd-bus's own event thread,
 // as a separate program would.
 #include "Support/Process.h"
+#include "Support/TempDir.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -27,6 +28,7 @@ public:
     void stop();
 
 private:
+    TempDir directory_;
     std::unique_ptr<ChildProcess> daemon_;
     std::string address_;
 };

@@ -177,6 +177,7 @@ TEST_F(DBusNotificationsTest, AfterTheBusEndsEveryNoticeStillReachesTheTerminal)
     FakeNotificationServer server(bus.address());
     center->add("a", "Time for a break", "Focus finished.");
     ASSERT_TRUE(eventually([&] { return server.all().size() == 1; }));
+    server.connection.stop();
     bus.stop();
     ASSERT_TRUE(eventually([&] { return !loop.isAlive(*connection); }));
     center->add("b", "Back to work", "Short Break finished.");

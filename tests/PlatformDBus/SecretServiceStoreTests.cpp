@@ -47,9 +47,12 @@ protected:
         }
     }
     void startKeyring() {
+        // The password comes from a file rather than a pipe, so the child is the daemon itself.
+        writeFile(home / "password", "test-password");
         keyring = std::make_unique<ChildProcess>(
             std::vector<std::string>{"/bin/sh", "-c",
-                                     "printf 'test-password' | exec gnome-keyring-daemon --foreground --unlock --components=secrets"},
+                                     "exec gnome-keyring-daemon --foreground --unlock --components=secrets < \"$0\"",
+                                     (home / "password").string()},
             environment);
         ASSERT_TRUE(eventually([&] {
             bool owned = false;

@@ -464,7 +464,9 @@ TEST_F(StatusNotifierItemTest, ABusThatGoesAwayLeavesTheMenuWorkingOnTheTerminal
     FakeWatcher watcher(bus.address(), true);
     startTray();
     ASSERT_TRUE(eventually([&] { return watcher.registrations().size() == 1; }));
+    watcher.connection.stop();
     bus.stop();
+    ASSERT_TRUE(notes.waitFor("the session bus went away"));
     // The terminal face keeps choosing through the same source; the tray's updates go nowhere
     // and nothing fails.
     auto changed = menu.menu;
