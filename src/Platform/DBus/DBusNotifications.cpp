@@ -14,6 +14,10 @@ DBusNotifications::DBusNotifications(BusLoop& loop, sdbus::IConnection& session,
     : loop_(loop), session_(session), terminalNotices_(terminalNotices), terminalToasts_(terminalToasts),
       note_(std::move(note)) {}
 
+DBusNotifications::~DBusNotifications() {
+    loop_.sync([] {});
+}
+
 bool DBusNotifications::isOffered(BusLoop& loop, sdbus::IConnection& session) {
     bool offered = false;
     loop.sync([&] { offered = BusNames::isOffered(session, service); });

@@ -29,6 +29,8 @@ public:
 
     DBusNotifications(BusLoop& loop, sdbus::IConnection& session, UserNotificationCenter& terminalNotices,
                       Toast::Presenter& terminalToasts, Note note);
+    // Waits for the notices already handed to the bus thread.
+    ~DBusNotifications() override;
 
     // Whether a notification server owns the name now, or can be started for it.
     static bool isOffered(BusLoop& loop, sdbus::IConnection& session);
