@@ -74,7 +74,7 @@ public:
 };
 
 void HostGetLayoutRoundTrip(benchmark::State& state) {
-    FILE* daemon = ::popen("dbus-daemon --session --fork --print-address --print-pid", "r");
+    FILE* daemon = ::popen("dbus-daemon --session --fork --print-address=1 --print-pid=1", "r");
     char address[512] = {0};
     long pid = 0;
     if (!daemon || !std::fgets(address, sizeof address, daemon) || std::fscanf(daemon, "%ld", &pid) != 1) {
