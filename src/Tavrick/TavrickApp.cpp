@@ -18,6 +18,10 @@
 #include "ActionKit/FileURL.h"
 #include "Platform/Linux/FileSecretStore.h"
 #include "Platform/Linux/GioLauncher.h"
+#include "Platform/DBus/DBusNotifications.h"
+#include "Platform/DBus/DesktopBus.h"
+#include "Platform/DBus/SecretServiceStore.h"
+#include "Platform/DBus/StatusNotifierItem.h"
 #include "Platform/Linux/JSONPreferenceStore.h"
 #include "Platform/Linux/LinuxBundle.h"
 #include "Platform/Linux/LinuxDirectories.h"
@@ -27,7 +31,6 @@
 #include "Platform/Linux/ProcSocketTable.h"
 #include "Platform/Linux/LinuxLidSensors.h"
 #include "Platform/Linux/LinuxProcessWatcher.h"
-#include "Platform/Linux/LogindPowerAssertions.h"
 #include "Platform/Linux/SuspendWatcher.h"
 #include "Platform/Linux/SystemInfo.h"
 #include "Platform/Linux/TerminalAppearance.h"
@@ -135,7 +138,8 @@ int TavrickApp::main(int argc, char** argv) {
     auto& scheduler = DispatchScheduler::shared();
     Directories::install(std::make_shared<LinuxDirectories>());
     Bundle::setMain(std::make_shared<LinuxBundle>());
-    Toast::shared().setPresenter(std::make_shared<TerminalToast>());
+    auto terminalToasts = std::make_shared<TerminalToast>();
+    Toast::shared().setPresenter(terminalToasts);
 
     DiagnosticLog& log = DiagnosticLog::shared();
     AppDelegate delegate(log);
@@ -204,11 +208,18 @@ int TavrickApp::main(int argc, char** argv) {
     desktop.setOnPermissionsChange([&session, &desktop] { session.setTapCreationAllowed(desktop.isAccessibilityTrusted()); });
     const auto stateFile = supportDirectory() / "session-state.json";
     desktop.writeStateTo(stateFile, scheduler);
+    // The desktop's buses: tray, notifications, keychain, inhibitors and reveal where offered.
+    auto desktopBus = DesktopBus::open([&log](const std::string& line) {
+        Log::core.notice("Desktop bus: %s", line.c_str());
+        log.note("desktop", line);
+    });
     GioLauncher gio;
     DesktopLauncher* launcher = &desktop;
+    std::unique_ptr<DesktopLauncher> fileManager;
     if (GioLauncher::hasDesktopSession()) {
         launcher = &gio;
         Log::core.notice("Opening, launching and revealing through the desktop session (GIO)");
+        if ((fileManager = desktopBus->fileManager(gio))) launcher = fileManager.get();
     } else {
         Log::core.notice("No desktop session: opening, launching and revealing in the simulated workspace");
     }
@@ -217,14 +228,28 @@ int TavrickApp::main(int argc, char** argv) {
     const auto executable = std::filesystem::read_symlink("/proc/self/exe", exeError);
     const char* homeVariable = std::getenv("HOME");
 
-    FileSecretStore secrets(FileSecretStore::defaultFile());
+    FileSecretStore fileSecrets(FileSecretStore::defaultFile());
+    auto secretService = desktopBus->secretService();
+    SecretStore& secrets = secretService ? *secretService : static_cast<SecretStore&>(fileSecrets);
+    log.note("launch", secretService ? "keychain: the Secret Service (org.freedesktop.secrets) on the session bus"
+                                     : "keychain: " + fileSecrets.file().string() + " (no Secret Service on the session bus)");
+    if (secretService) {
+        // Records kept in the file by earlier runs move over once; the file itself stays.
+        if (auto added = secretService->importFrom(fileSecrets); added && *added > 0) {
+            log.note("launch", "keychain: copied " + std::to_string(*added) + " records from " + fileSecrets.file().filename().string() +
+                                   " to the Secret Service; the file is unchanged");
+        }
+    }
 
     WorkspaceNotifications workspace(scheduler);
     desktop.setOnActivate([&workspace](const RunningApplication& app) {
         workspace.post({WorkspaceEvent::didActivateApplication, app.bundleIdentifier});
     });
     SuspendWatcher suspendWatcher(workspace, scheduler);
-    TerminalNotifications notifications;
+    TerminalNotifications terminalNotices;
+    auto desktopNotices = desktopBus->notifications(terminalNotices, *terminalToasts);
+    if (desktopNotices) Toast::shared().setPresenter(desktopNotices);
+    UserNotificationCenter& notifications = desktopNotices ? *desktopNotices : static_cast<UserNotificationCenter&>(terminalNotices);
     // The session's pasteboard; the desktop's state file shows its change count and types, never
     // the text.
     auto pasteboard = std::make_shared<SimulatedPasteboard>();
@@ -300,7 +325,7 @@ int TavrickApp::main(int argc, char** argv) {
         },
         .supportDirectory = supportDirectory(),
         .pasteboard = pasteboard,
-        .powerAssertions = LogindPowerAssertions::makeBest(),
+        .powerAssertions = desktopBus->inhibitors(),
         .processes = std::make_shared<LinuxProcessWatcher>(),
         .lidSensors = LinuxLidSensors::make("/"),
         // The clipboard's exclusions ask who is in front at each copy.
@@ -342,6 +367,15 @@ int TavrickApp::main(int argc, char** argv) {
 
     AppearanceController::setApplier(std::make_shared<TerminalAppearance>(log));
     auto coordinator = construct(environment);
+    // The tray face. It draws the app's MenuSource: MenuBarContent is handed over here.
+    MenuSource* menuSource = nullptr;
+    auto tray = desktopBus->tray(scheduler);
+    if (tray && menuSource) {
+        tray->setSource(menuSource);
+        tray->start();
+    } else if (tray) {
+        log.note("desktop", "the tray item waits for the menu; the menu is on the terminal");
+    }
     auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath(), pasteboard.get());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session"
@@ -365,6 +399,8 @@ int TavrickApp::main(int argc, char** argv) {
         delegate.applicationWillTerminate();
     }
     bridge.reset();
+    tray.reset();
+    Toast::shared().setPresenter(terminalToasts);
     desktop.setOnActivate(nullptr);
     std::cout << "Tavrick stopped.\n";
     return 0;

@@ -117,3 +117,31 @@ TEST(FileSecretStore, ConcurrentWritersInOneProcessLoseNothing) {
     auto document = nlohmann::json::parse(readFile(dir / "secrets.json"));
     EXPECT_EQ(document["items"].size(), 20u);
 }
+
+TEST(FileSecretStore, RecordsListsWhatCanBeCarriedAndReadsOnly) {
+    TempDir dir;
+    const std::string text =
+        R"({"format":1,"items":[{"service":"s","account":"a","data":"eA==","accessible":"whenUnlockedThisDeviceOnly"},)"
+        R"({"service":"s","account":"bad base64","data":"e A"},{"service":"s","data":"eA=="},{"kind":"something new"},)"
+        R"({"service":"t","account":"b","data":"AAE="}]})";
+    writeFile(dir / "secrets.json", text);
+    FileSecretStore store(dir / "secrets.json");
+    auto records = store.records();
+    ASSERT_TRUE(records);
+    ASSERT_EQ(records->size(), 2u);
+    EXPECT_EQ((*records)[0].service, "s");
+    EXPECT_EQ((*records)[0].account, "a");
+    EXPECT_EQ((*records)[0].data, "x");
+    EXPECT_EQ((*records)[0].accessibility, SecretAccessibility::whenUnlockedThisDeviceOnly);
+    EXPECT_EQ((*records)[1].data, std::string("\0\1", 2));
+    // Without "accessible" a record is readable after the first unlock.
+    EXPECT_EQ((*records)[1].accessibility, SecretAccessibility::afterFirstUnlock);
+    EXPECT_EQ(readFile(dir / "secrets.json"), text);
+
+    writeFile(dir / "secrets.json", "[1, 2]");
+    EXPECT_FALSE(store.records());
+    EXPECT_EQ(readFile(dir / "secrets.json"), "[1, 2]");
+    FileSecretStore none(dir / "none.json");
+    ASSERT_TRUE(none.records());
+    EXPECT_TRUE(none.records()->empty());
+}

@@ -89,6 +89,31 @@ std::filesystem::path FileSecretStore::defaultFile() {
     return supportDirectory() / "secrets.json";
 }
 
+std::optional<std::vector<FileSecretStore::Record>> FileSecretStore::records() const {
+    std::lock_guard lock(mutex_);
+    SecretStatus status = SecretStatus::success;
+    auto items = load(file_, status);
+    if (!items) return std::nullopt;
+    std::vector<Record> out;
+    for (const auto& item : *items) {
+        if (!item.is_object()) continue;
+        auto service = item.find("service");
+        auto account = item.find("account");
+        auto data = item.find("data");
+        if (service == item.end() || account == item.end() || data == item.end() || !service->is_string() ||
+            !account->is_string() || !data->is_string()) {
+            continue;
+        }
+        auto bytes = Base64::decode(data->get_ref<const std::string&>());
+        if (!bytes) continue;
+        auto accessible = item.find("accessible");
+        const bool strict = accessible != item.end() && accessible->is_string() && *accessible == "whenUnlockedThisDeviceOnly";
+        out.push_back({service->get<std::string>(), account->get<std::string>(), std::string(bytes->begin(), bytes->end()),
+                       strict ? SecretAccessibility::whenUnlockedThisDeviceOnly : SecretAccessibility::afterFirstUnlock});
+    }
+    return out;
+}
+
 SecretStore::Copy FileSecretStore::copy(const std::string& service, const std::string& account) const {
     std::lock_guard lock(mutex_);
     SecretStatus status = SecretStatus::success;

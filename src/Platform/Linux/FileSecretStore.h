@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <mutex>
+#include <vector>
 
 namespace tavrick {
 
@@ -24,6 +25,16 @@ public:
     // "secrets.json" in the support directory.
     static std::filesystem::path defaultFile();
     const std::filesystem::path& file() const { return file_; }
+
+    // Every readable record, in file order, for carrying them to another store; a record that
+    // cannot be read is left out. Nothing when the file cannot be read at all. Reads only.
+    struct Record {
+        std::string service;
+        std::string account;
+        std::string data;
+        SecretAccessibility accessibility = SecretAccessibility::afterFirstUnlock;
+    };
+    std::optional<std::vector<Record>> records() const;
 
     Copy copy(const std::string& service, const std::string& account) const override;
     SecretStatus add(const std::string& service, const std::string& account, std::string_view data,
