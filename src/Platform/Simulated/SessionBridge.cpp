@@ -199,7 +199,13 @@ std::string SessionBridge::handle(SimulatedSession& session, SimulatedDesktop* d
             session.drain();
             std::this_thread::sleep_for(std::chrono::milliseconds(25));
         };
-        if (!postWindowDrag(session, *desktop, {values[0], values[1]}, {values[2], values[3]}, 12, settle)) {
+        // The request reads like the state file (origin bottom-left, y up); the events count from
+        // the top-left.
+        const auto screens = desktop->screens();
+        const double height = screens.empty() ? 0 : screens.front().frame.size.height;
+        const Point from{values[0], height - values[1]};
+        const Point to{values[2], height - values[3]};
+        if (!postWindowDrag(session, *desktop, from, to, 12, settle)) {
             return "error could not synthesise the event\n";
         }
         return "ok\n";

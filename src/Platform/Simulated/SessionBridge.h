@@ -29,8 +29,9 @@ namespace tavrick {
 //                                                 and right joined by commas, or "click"
 //   permission <accessibility|inputMonitoring> <granted|denied|notDetermined>
 //   activate <bundle id>                          brings a running application to the front
-//   drag <fromX> <fromY> <toX> <toY>              a left-button drag (top-left origin, y down); pressed on
-//                                                 the title bar of the window in front, it moves the window
+//   drag <fromX> <fromY> <toX> <toY>              a left-button drag, in the state file's coordinates (origin
+//                                                 bottom-left, y up); pressed on the title bar (the top 28
+//                                                 points) of the window in front, it moves the window
 //   copy [<type>...]                              followed by the copied text up to the end of the
 //                                                 client's half of the connection: the text (when there
 //                                                 is any) and the extra types go on the pasteboard as
