@@ -139,7 +139,12 @@ void WindowSnapper::updateZone(Point location) {
 
 void WindowSnapper::apply(SnapZone zone) {
     auto front = env_.workspace.frontmostApplication();
-    if (!front || front->processIdentifier == env_.ownProcessIdentifier) return;
+    if (!front) {
+        // The window (and its application with it) went away under the pointer.
+        Log::windows.notice("Nothing to snap: no application is in front any more");
+        return;
+    }
+    if (front->processIdentifier == env_.ownProcessIdentifier) return;
     const auto snapCommand = command(zone);
     Log::windows.notice("Snapping to %s", std::string(displayName(snapCommand)).c_str());
     windows_.apply(snapCommand, front->processIdentifier, ScreenSnapshot::current(env_.screens));

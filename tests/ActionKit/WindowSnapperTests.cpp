@@ -231,6 +231,21 @@ TEST_F(WindowSnapperTest, NothingHappensWhileThisProgramOrNoWindowOrAHungApplica
     }
 }
 
+TEST_F(WindowSnapperTest, AnApplicationThatQuitsMidDragIsSaidAndNothingIsWritten) {
+    post(EventType::leftMouseDown, {600, 130});
+    desktop.moveFrontmostWindow(-598, 0);
+    post(EventType::leftMouseDragged, {2, 450});
+    ASSERT_EQ(snapper->armedZone(), SnapZone::leftHalf);
+    // The last two applications go, so that nobody comes forward in the editor's place.
+    desktop.terminate(ownPid);
+    desktop.terminate(editor);
+    post(EventType::leftMouseUp, {2, 450});
+    EXPECT_TRUE(logs.contains("windows", "Nothing to snap: no application is in front any more"));
+    EXPECT_FALSE(logs.has(LogLevel::notice, "Snapping to"));
+    EXPECT_TRUE(desktop.accessibilityWrites().empty());
+    EXPECT_FALSE(screen->state().visible);
+}
+
 TEST_F(WindowSnapperTest, TheReadInsideADragWaitsAtMostAFewHundredthsOfASecond) {
     drag({600, 130}, {2, 450});
     const auto timeouts = desktop.messagingTimeouts();

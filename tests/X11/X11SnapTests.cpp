@@ -238,6 +238,17 @@ TEST_F(X11Snap, AClientThatRefusesASizeOrVanishesMidDragEndsCleanlyWithNothingHe
     user->button(1, false);
     user->sync();
     EXPECT_TRUE(until([&] { return !snapper->isDraggingWindow() && !findPreview(user->connection())->viewable; }));
+    // Whether the window manager had told of the loss before the release or not, it is said.
+    EXPECT_TRUE(until([&] {
+        for (const auto& line : logs.messages("windows")) {
+            if (line == "Nothing to snap: no application is in front any more" ||
+                line.starts_with("No focused window for pid 41001") ||
+                line.starts_with("Could not read window frame for pid 41001")) {
+                return true;
+            }
+        }
+        return false;
+    }));
     EXPECT_TRUE(events->isServerAlive());
     EXPECT_TRUE(connection->isAlive());
     EXPECT_TRUE(nothingGrabbed(session->display()));
