@@ -136,26 +136,37 @@ protected:
         return Rect{*position, *size};
     }
 
-    // Presses the title bar of the client in front and moves the pointer to `to` in small steps,
-    // waiting after each for the window manager to have moved the window.
+    // Presses the title bar of the client in front and moves the pointer to `to` in small steps.
+    // A loaded window manager now and then lets a press go by without starting its move; the
+    // snapper must then see no drag, and the press is made again.
     void pressAndDrag(Point to) {
-        const auto start = outerFrame();
-        ASSERT_TRUE(start);
-        Point at{start->midX(), start->minY() + 8};
-        user->moveTo(int(at.x), int(at.y));
-        user->sync();
-        user->button(1, true);
-        user->sync();
-        ASSERT_TRUE(until([&] { return snapper->dragStartWindowFrame().has_value(); }));
-        const int steps = 20;
-        const Point from = at;
-        for (int i = 1; i <= steps; ++i) {
-            at = {from.x + (to.x - from.x) * i / steps, from.y + (to.y - from.y) * i / steps};
-            user->moveTo(int(std::lround(at.x)), int(std::lround(at.y)));
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            const auto start = outerFrame();
+            ASSERT_TRUE(start);
+            Point at{start->midX(), start->minY() + 8};
+            user->moveTo(int(at.x), int(at.y));
             user->sync();
-            events->sync(1.0);
-            scheduler.runUntilIdle();
+            user->button(1, true);
+            user->sync();
+            ASSERT_TRUE(until([&] { return snapper->dragStartWindowFrame().has_value(); }));
+            const int steps = 20;
+            const Point from = at;
+            for (int i = 1; i <= steps; ++i) {
+                at = {from.x + (to.x - from.x) * i / steps, from.y + (to.y - from.y) * i / steps};
+                user->moveTo(int(std::lround(at.x)), int(std::lround(at.y)));
+                user->sync();
+                events->sync(1.0);
+                scheduler.runUntilIdle();
+                if (i == 3 && !eventually([&] { return outerFrame() != start; }, 1.0)) break;
+            }
+            if (outerFrame() != start) return;
+            EXPECT_FALSE(snapper->isDraggingWindow()) << "the window never moved";
+            EXPECT_EQ(snapper->armedZone(), std::nullopt);
+            user->button(1, false);
+            user->sync();
+            until([&] { return !snapper->dragStartWindowFrame(); });
         }
+        ADD_FAILURE() << "the window manager never moved the window";
     }
 
     std::unique_ptr<XSession> session;
@@ -187,12 +198,16 @@ TEST_F(X11Snap, ATitleBarDraggedToEachEdgeSnapsToTheZonesExactFrameWithThePrevie
     for (const auto& c : cases) {
         const std::string where = std::to_string(int(c.to.x)) + "," + std::to_string(int(c.to.y));
         pressAndDrag(c.to);
-        ASSERT_TRUE(until([&] { return snapper->armedZone().has_value(); })) << where;
-        auto seen = findPreview(user->connection());
+        // The way there may cross another zone first: the preview settles on the one at the end.
+        std::optional<SeenPreview> seen;
+        EXPECT_TRUE(until([&] {
+            seen = findPreview(user->connection());
+            return seen && seen->viewable && seen->frame == c.frame;
+        })) << where << ": " << (seen ? std::to_string(seen->frame.x) + "," + std::to_string(seen->frame.y) + " " +
+                                            std::to_string(seen->frame.width) + "x" + std::to_string(seen->frame.height)
+                                      : "no preview");
         ASSERT_TRUE(seen) << where;
-        EXPECT_TRUE(seen->viewable) << where;
         EXPECT_TRUE(seen->overrideRedirect) << where;
-        EXPECT_EQ(seen->frame, c.frame) << where;
 
         user->button(1, false);
         user->sync();
@@ -201,8 +216,12 @@ TEST_F(X11Snap, ATitleBarDraggedToEachEdgeSnapsToTheZonesExactFrameWithThePrevie
         EXPECT_FALSE(findPreview(user->connection())->viewable) << where;
         EXPECT_FALSE(snapper->isDraggingWindow()) << where;
         EXPECT_TRUE(nothingGrabbed(session->display())) << where;
-        // Out of a maximised state before the next drag.
+        // Back to the middle before the next drag, and only once the window manager has put it
+        // there: a press aimed at a title bar still on its way would land on the frame's edge.
         windows->performApply(WindowCommand::center, clientPid, ScreenSnapshot::current(*desktop));
+        const Rect centered{{(1600.0 - c.frame.width) / 2, (900.0 - c.frame.height) / 2},
+                            {double(c.frame.width), double(c.frame.height)}};
+        ASSERT_TRUE(until([&] { return outerFrame() == centered; })) << where;
     }
 }
 
