@@ -79,6 +79,11 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       pomodoro_(std::make_unique<PomodoroController>(PomodoroConfig{}, env_.scheduler)),
       loginItem_(std::make_unique<LoginItemController>(env_.loginItems, env_.scheduler)),
       windows_(std::make_unique<WindowManager>(env_.windowAccessibility, env_.scheduler)),
+      snapper_(std::make_unique<WindowSnapper>(SnapperEnvironment{env_.events, env_.scheduler, env_.applications,
+                                                                  env_.windowAccessibility, env_.screens,
+                                                                  env_.processIdentifier},
+                                               *windows_)),
+      snapPreview_(std::make_unique<SnapPreviewWindow>(env_.snapPreviewSurface)),
       hotkeys_(std::make_unique<HotkeyEngine>(env_.events, env_.scheduler, env_.log)),
       gestures_(std::make_unique<GestureEngine>(env_.touchSource, env_.log, env_.events, env_.scheduler)),
       actions_(std::make_unique<ActionRunner>(
@@ -181,6 +186,9 @@ AppCoordinator::~AppCoordinator() {
     mouseGestures_->setOnGesture(nullptr);
     mouseGestures_->setOnNote(nullptr);
     mouseGestures_->stop();
+    snapper_->onPreview = nullptr;
+    snapper_->stop();
+    snapPreview_->hide();
 }
 
 void AppCoordinator::installClosures() {
@@ -191,6 +199,26 @@ void AppCoordinator::installClosures() {
         env_.scheduler, *env_.pasteboard, [this] { return static_cast<int>(settings_->vaultLockSeconds.get()); },
         [this] { return static_cast<int>(settings_->vaultClipboardSeconds.get()); });
     vaultPanel_ = std::make_unique<VaultPanel>(*vault_, *vaultSession_);
+    snapper_->onPreview = [weak](std::optional<Rect> frame) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (frame) {
+            self->snapPreview_->show(*frame);
+        } else {
+            self->snapPreview_->hide();
+        }
+    };
+    // The choice may change behind the menu's back (a restored backup, another process's edit);
+    // before the deferred start the engines pick it up themselves.
+    snappingSetting_ = settings_->isWindowSnappingEnabled.observe([weak](const bool& enabled) {
+        auto self = weak.lock();
+        if (!self || !self->started_) return;
+        if (enabled) {
+            self->startSnapping();
+        } else {
+            self->snapper_->stop();
+        }
+    });
 
     // Engines hear about every change first, in a fixed order, on the calling thread.
     store_->onChange = [weak](const std::vector<Mapping>& mappings) {
@@ -590,7 +618,7 @@ void AppCoordinator::startEngines() {
         // that brings the engines up once the user grants the permission.
         permissions_->beginPolling();
     }
-    // Snapping would start here once this build has it.
+    startSnapping();
     try {
         gestures_->start();
         gestureError_.set(std::nullopt);
@@ -618,10 +646,34 @@ void AppCoordinator::noteGestureConflicts() {
     }
 }
 
+void AppCoordinator::startSnapping() {
+    if (!settings_->isWindowSnappingEnabled.get() || !isEnabled_.get()) return;
+    try {
+        snapper_->start();
+        snapError_.set(std::nullopt);
+    } catch (const std::exception& error) {
+        Log::windows.error("Window snapping did not start: %s", error.what());
+        snapError_.set(std::string(error.what()));
+    }
+}
+
+void AppCoordinator::setWindowSnappingEnabled(bool enabled) {
+    // A change reaches the snapper through the setting's observer; the same value still settles
+    // the snapper, the way the switch restarts one that failed.
+    if (!settings_->isWindowSnappingEnabled.set(enabled) && started_) {
+        if (enabled) {
+            startSnapping();
+        } else {
+            snapper_->stop();
+        }
+    }
+}
+
 void AppCoordinator::stopEngines() {
     hotkeys_->stop();
     gestures_->stop();
     mouseGestures_->setMasterEnabled(false);
+    snapper_->stop();
     engineError_.set(std::nullopt);
     gestureError_.set(std::nullopt);
 }

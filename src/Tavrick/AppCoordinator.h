@@ -1,8 +1,10 @@
 #pragma once
 
 #include "ActionKit/ActionRunner.h"
+#include "ActionKit/SnapPreview.h"
 #include "ActionKit/WindowAccessibility.h"
 #include "ActionKit/WindowManager.h"
+#include "ActionKit/WindowSnapper.h"
 #include "AwakeKit/AwakeController.h"
 #include "AwakeKit/LidWatcher.h"
 #include "ClipboardKit/ClipboardMonitor.h"
@@ -116,6 +118,8 @@ struct AppEnvironment {
     std::int32_t selfPID = 0;
     // What can stand in front of the vault's stored passphrase; unset means this machine's.
     std::shared_ptr<Authenticator> authenticator = nullptr;
+    // What the snap preview is drawn on; unset means a drag snaps with no preview showing.
+    SnapPreviewWindow::SurfaceFactory snapPreviewSurface = {};
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -137,6 +141,15 @@ public:
     void setEnabled(bool enabled);
     // A full stop and start of the input engines.
     void retryEngines();
+
+    // Window snapping by drag: the stored choice (for the menu's switch), and setting it starts or
+    // stops the snapper at once when the engines are on.
+    const Observable<bool>& isWindowSnappingEnabled() const { return settings_->isWindowSnappingEnabled.observable(); }
+    void setWindowSnappingEnabled(bool enabled);
+    // The last failure to start window snapping.
+    const Observable<std::optional<std::string>>& snapError() const { return snapError_; }
+    WindowSnapper& snapper() { return *snapper_; }
+    SnapPreviewWindow& snapPreview() { return *snapPreview_; }
 
     // The last failure to start the hotkey engine.
     const Observable<std::optional<std::string>>& engineError() const { return engineError_; }
@@ -215,6 +228,7 @@ private:
     void startEngines();
     void noteGestureConflicts();
     void stopEngines();
+    void startSnapping();
     void announceLaunch();
     void runOnMain(const Mapping& mapping);
     void permissionsDidChange();
@@ -246,6 +260,8 @@ private:
     std::unique_ptr<PomodoroController> pomodoro_;
     std::unique_ptr<LoginItemController> loginItem_;
     std::unique_ptr<WindowManager> windows_;
+    std::unique_ptr<WindowSnapper> snapper_;
+    std::unique_ptr<SnapPreviewWindow> snapPreview_;
     std::unique_ptr<HotkeyEngine> hotkeys_;
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
@@ -266,6 +282,8 @@ private:
     Observable<bool> isEnabled_{true};
     Observable<std::optional<std::string>> engineError_;
     Observable<std::optional<std::string>> gestureError_;
+    Observable<std::optional<std::string>> snapError_;
+    Observation snappingSetting_;
     Observable<std::optional<GestureSpec>> lastGesture_;
     Observation didWake_;
     Observation didActivate_;

@@ -42,10 +42,12 @@
 #include "Platform/Simulated/SessionBridge.h"
 #include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Platform/Simulated/SimulatedSession.h"
+#include "Platform/Simulated/SimulatedSnapPreview.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
 #include "Platform/X11/X11Connection.h"
 #include "Platform/X11/X11Desktop.h"
 #include "Platform/X11/X11EventSystem.h"
+#include "Platform/X11/X11SnapPreview.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/AppDelegate.h"
 #include "Tavrick/BackupCommand.h"
@@ -255,6 +257,19 @@ int TavrickApp::main(int argc, char** argv) {
     auto pasteboard = std::make_shared<SimulatedPasteboard>();
     desktop.addStateSection("pasteboard", [pasteboard] { return pasteboard->stateSection(); });
     pasteboard->setOnChange([&desktop](std::int64_t, const std::vector<std::string>&) { desktop.noteStateChange(); });
+    // The snap preview: a real override-redirect window on X11, otherwise recorded in the state file.
+    auto snapPreview = SimulatedSnapPreview::make();
+    desktop.addStateSection("snapPreview", [snapPreview] { return snapPreview->stateSection(); });
+    snapPreview->setOnChange([&desktop] { desktop.noteStateChange(); });
+    SnapPreviewWindow::SurfaceFactory snapSurface = [snapPreview] { return snapPreview->makeSurface(); };
+    if (x11) {
+        snapSurface = [requests = x11->requests, screens = x11->desktop.get()]() -> std::unique_ptr<SnapPreviewSurface> {
+            return std::make_unique<X11SnapPreview>(requests, [screens] {
+                auto monitors = screens->monitors();
+                return monitors.empty() ? XRect{} : monitors.front();
+            });
+        };
+    }
 
     std::string touchSourceDescription;
     auto touchSource = chooseTouchSource(log, touchSourceDescription);
@@ -338,6 +353,7 @@ int TavrickApp::main(int argc, char** argv) {
         .systemReadings = systemReadings.port(),
         .processControl = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), scheduler),
         .selfPID = getpid(),
+        .snapPreviewSurface = snapSurface,
     };
 
     if (backup) {

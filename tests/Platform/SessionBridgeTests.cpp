@@ -121,3 +121,52 @@ TEST(SessionBridge, APermissionSetFromAnotherProcessReachesTheDesktop) {
     EXPECT_EQ(SessionBridge::send(dir / "s.sock", "permission accessibility sometimes"),
               "expected: permission <accessibility|inputMonitoring> <granted|denied|notDetermined>");
 }
+
+TEST(SessionBridge, ADragOnTheTitleBarMovesTheWindowWithThePointerAndMalformedDragsPostNothing) {
+    SimulatedSession session;
+    SimulatedDesktop desktop;
+    const auto editor = desktop.addApplication({.pid = 501, .bundleID = "org.gnome.TextEditor", .name = "Text Editor"});
+    const auto window = desktop.addWindow(editor, "Untitled", {{200, 120}, {800, 600}});
+    desktop.activate(editor);
+    desktop.setScreens({ScreenInfo{{{0, 0}, {1440, 900}}, {{0, 70}, {1440, 805}}}});
+
+    const std::string usage = "error expected: drag <fromX> <fromY> <toX> <toY>\n";
+    struct Case {
+        const char* request;
+        std::string answer;
+    };
+    const Case refused[] = {
+        {"drag", usage},
+        {"drag 1 2 3", usage},
+        {"drag 1 2 3 4 5", usage},
+        {"drag 1 2 x 4", usage},
+        {"drag 1 2 3 nan", usage},
+        {"drag 1 2 3 4px", usage},
+    };
+    for (const auto& c : refused) EXPECT_EQ(SessionBridge::handle(session, &desktop, c.request), c.answer) << c.request;
+    EXPECT_EQ(SessionBridge::handle(session, "drag 1 2 3 4"), "error this session has no simulated desktop\n");
+    ASSERT_TRUE(session.drain());
+    EXPECT_TRUE(session.delivered().empty());
+
+    // Requests count from the bottom-left, as the state file does: the title bar is y 752…780.
+    // Pressed on content: the pointer moves, the window stays.
+    EXPECT_EQ(SessionBridge::handle(session, &desktop, "drag 600 500 2 450"), "ok\n");
+    EXPECT_EQ(desktop.windowFrame(window), (Rect{{200, 120}, {800, 600}}));
+    // The last row of the title bar still takes the window along; the row below it does not.
+    EXPECT_EQ(SessionBridge::handle(session, &desktop, "drag 600 752 700 752"), "ok\n");
+    EXPECT_EQ(desktop.windowFrame(window), (Rect{{200, 120}, {800, 600}}));
+    EXPECT_EQ(SessionBridge::handle(session, &desktop, "drag 600 752.5 0 452.5"), "ok\n");
+    EXPECT_EQ(desktop.windowFrame(window), (Rect{{-400, 420}, {800, 600}}));
+    EXPECT_TRUE(desktop.accessibilityWrites().empty()) << "the window manager's move is not the program's write";
+
+    ASSERT_TRUE(session.drain());
+    const auto delivered = session.delivered();
+    ASSERT_EQ(delivered.size(), 3u * 14u);
+    const auto& last = std::vector<Event>(delivered.end() - 14, delivered.end());
+    EXPECT_EQ(last.front().type, EventType::leftMouseDown);
+    EXPECT_EQ(last.front().location, (Point{600, 147.5}));
+    for (std::size_t i = 1; i < 13; ++i) EXPECT_EQ(last[i].type, EventType::leftMouseDragged) << i;
+    EXPECT_EQ(last[12].location, (Point{0, 447.5}));
+    EXPECT_EQ(last.back().type, EventType::leftMouseUp);
+    EXPECT_EQ(last.back().location, (Point{0, 447.5}));
+}

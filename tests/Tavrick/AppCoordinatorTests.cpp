@@ -158,7 +158,7 @@ TEST_F(CoordinatorTest, StoreChangesReachTheEngineEvenWhenTheDiskFails) {
 
 TEST_F(CoordinatorTest, MasterSwitchStopsAndRestartsTheTap) {
     make()->start();
-    ASSERT_EQ(session.taps().size(), 1u);
+    ASSERT_EQ(session.taps().size(), 2u);  // the hotkey tap and the snapping tap
     std::vector<bool> seen;
     auto observation = coordinator->isEnabled().observe([&](bool value) { seen.push_back(value); });
 
@@ -212,7 +212,7 @@ TEST_F(CoordinatorTest, StartRunsOnce) {
     std::size_t launches = 0;
     for (const auto& line : notes()) launches += line.rfind("[launch] Tavrick ", 0) == 0;
     EXPECT_EQ(launches, 1u);
-    EXPECT_EQ(session.taps().size(), 1u);
+    EXPECT_EQ(session.taps().size(), 2u);  // the hotkey tap and the snapping tap
 }
 
 TEST_F(CoordinatorTest, GrantingThePermissionLaterRestartsTheEnginesWithoutARelaunch) {
@@ -288,7 +288,7 @@ TEST_F(CoordinatorTest, ConstructionAppliesTheAppearanceAndStartsThreeSecondsLat
     EXPECT_TRUE(session.taps().empty());
     scheduler.advance(0.001);
     EXPECT_TRUE(coordinator->hasStarted());
-    EXPECT_EQ(session.taps().size(), 1u);
+    EXPECT_EQ(session.taps().size(), 2u);  // the hotkey tap and the snapping tap
 }
 
 TEST_F(CoordinatorTest, SwitchingOnWhenAlreadyOnRestartsAStoppedEngine) {
@@ -314,7 +314,7 @@ TEST_F(CoordinatorTest, APermissionChangeSeenWhileTheEnginesStartDoesNotStartThe
     coordinator->setEnabled(true);
     EXPECT_FALSE(captured.contains("core", "Permission granted — restarting engines"));
     EXPECT_TRUE(coordinator->hotkeys().isRunning());
-    EXPECT_EQ(session.taps().size(), 1u);
+    EXPECT_EQ(session.taps().size(), 2u);  // the hotkey tap and the snapping tap
     EXPECT_FALSE(coordinator->permissions().isPolling());
 }
 

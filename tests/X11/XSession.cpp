@@ -31,6 +31,25 @@ constexpr const char* openboxConfig = R"(<?xml version="1.0" encoding="UTF-8"?>
 </openbox_config>
 )";
 
+// The same, except that a left-button drag of a title bar moves the window as a desktop's window
+// manager does, with no resistance at the screen edges.
+constexpr const char* openboxDragConfig = R"(<?xml version="1.0" encoding="UTF-8"?>
+<openbox_config xmlns="http://openbox.org/3.4/rc">
+  <focus><focusNew>yes</focusNew><followMouse>no</followMouse></focus>
+  <placement><policy>Smart</policy></placement>
+  <desktops><number>1</number></desktops>
+  <resistance><strength>0</strength><screen_edge_strength>0</screen_edge_strength></resistance>
+  <keyboard></keyboard>
+  <mouse>
+    <dragThreshold>1</dragThreshold>
+    <context name="Titlebar">
+      <mousebind button="Left" action="Press"><action name="Focus"/><action name="Raise"/></mousebind>
+      <mousebind button="Left" action="Drag"><action name="Move"/></mousebind>
+    </context>
+  </mouse>
+</openbox_config>
+)";
+
 int spawn(const std::vector<std::string>& arguments, const std::vector<std::string>& environment, int keepFd = -1) {
     const int pid = fork();
     if (pid != 0) return pid;
@@ -89,7 +108,7 @@ std::optional<std::uint32_t> windowProperty(xcb_connection_t* c, xcb_window_t wi
 
 } // namespace
 
-std::unique_ptr<XSession> XSession::start(std::string* skipReason, int splitAt) {
+std::unique_ptr<XSession> XSession::start(std::string* skipReason, int splitAt, bool dragMovesWindows) {
     const int width = 1600;
     const int height = 900;
     for (const char* program : {"/usr/bin/Xvfb", "/usr/bin/openbox"}) {
@@ -136,7 +155,7 @@ std::unique_ptr<XSession> XSession::start(std::string* skipReason, int splitAt) 
         return nullptr;
     }
     const auto config = std::filesystem::path(session->directory_) / "rc.xml";
-    std::ofstream(config) << openboxConfig;
+    std::ofstream(config) << (dragMovesWindows ? openboxDragConfig : openboxConfig);
     session->windowManagerPid_ =
         spawn({"/usr/bin/openbox", "--sm-disable", "--config-file", config.string()},
               {"DISPLAY=" + session->display_, "HOME=" + session->directory_, "XDG_CONFIG_HOME=" + session->directory_});

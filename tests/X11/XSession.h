@@ -20,7 +20,8 @@ public:
     // start; everything else is a failure of the test.
     // With `splitAt` above 0 the screen is split into a left and a right monitor there before the
     // window manager starts, so that it never sees the monitors change under its windows.
-    static std::unique_ptr<XSession> start(std::string* skipReason, int splitAt = 0);
+    // With `dragMovesWindows` a left-button drag of a title bar moves the window.
+    static std::unique_ptr<XSession> start(std::string* skipReason, int splitAt = 0, bool dragMovesWindows = false);
     ~XSession();
 
     const std::string& display() const { return display_; }

@@ -4,6 +4,8 @@
 #include "CoreKit/Modifiers.h"
 
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <charconv>
 #include <cstring>
 #include <fcntl.h>
@@ -137,6 +139,33 @@ bool SessionBridge::postStroke(EventSystem& session, const std::string& strokes)
     return true;
 }
 
+bool SessionBridge::postWindowDrag(SimulatedSession& session, SimulatedDesktop& desktop, Point from, Point to,
+                                   int steps, const std::function<void()>& settle) {
+    if (steps < 1) steps = 1;
+    auto down = session.makeMouseEvent(EventType::leftMouseDown, from, 0);
+    auto up = session.makeMouseEvent(EventType::leftMouseUp, to, 0);
+    if (!down || !up) return false;
+    const auto window = desktop.frontmostWindowFrame();
+    const bool onTitleBar = window && window->minX() <= from.x && from.x < window->maxX() &&
+                            window->minY() <= from.y && from.y < window->minY() + titleBarHeight;
+    session.post(*down);
+    if (settle) settle();
+    Point at = from;
+    for (int i = 1; i <= steps; ++i) {
+        const Point next{from.x + (to.x - from.x) * i / steps, from.y + (to.y - from.y) * i / steps};
+        // The window manager moves the window before the application hears the motion.
+        if (onTitleBar) desktop.moveFrontmostWindow(next.x - at.x, next.y - at.y);
+        at = next;
+        auto moved = session.makeMouseEvent(EventType::leftMouseDragged, at, 0);
+        if (!moved) break;
+        session.post(*moved);
+        if (settle) settle();
+    }
+    session.post(*up);
+    if (settle) settle();
+    return true;
+}
+
 std::string SessionBridge::handle(SimulatedSession& session, const std::string& request) {
     return handle(session, nullptr, request);
 }
@@ -148,6 +177,37 @@ std::string SessionBridge::handle(SimulatedSession& session, SimulatedDesktop* d
     if (verb == "stroke") {
         if (!modifiers.empty()) return "error too many arguments\n";
         if (!postStroke(session, key)) return "error expected: stroke <up|down|left|right,… at most three> or stroke click\n";
+        return "ok\n";
+    }
+    if (verb == "drag") {
+        if (!desktop) return "error this session has no simulated desktop\n";
+        std::istringstream numbers(request);
+        std::string word;
+        numbers >> word;
+        std::vector<double> values;
+        while (numbers >> word) {
+            double value = 0;
+            auto [ptr, error] = std::from_chars(word.data(), word.data() + word.size(), value);
+            if (error != std::errc() || ptr != word.data() + word.size() || !std::isfinite(value)) {
+                return "error expected: drag <fromX> <fromY> <toX> <toY>\n";
+            }
+            values.push_back(value);
+        }
+        if (values.size() != 4) return "error expected: drag <fromX> <fromY> <toX> <toY>\n";
+        // Paced like a hand, so that the snapper sees the window move before the pointer stops.
+        auto settle = [&session] {
+            session.drain();
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        };
+        // The request reads like the state file (origin bottom-left, y up); the events count from
+        // the top-left.
+        const auto screens = desktop->screens();
+        const double height = screens.empty() ? 0 : screens.front().frame.size.height;
+        const Point from{values[0], height - values[1]};
+        const Point to{values[2], height - values[3]};
+        if (!postWindowDrag(session, *desktop, from, to, 12, settle)) {
+            return "error could not synthesise the event\n";
+        }
         return "ok\n";
     }
     if (verb == "permission" || verb == "activate") {

@@ -29,11 +29,14 @@ namespace tavrick {
 //                                                 and right joined by commas, or "click"
 //   permission <accessibility|inputMonitoring> <granted|denied|notDetermined>
 //   activate <bundle id>                          brings a running application to the front
+//   drag <fromX> <fromY> <toX> <toY>              a left-button drag, in the state file's coordinates (origin
+//                                                 bottom-left, y up); pressed on the title bar (the top 28
+//                                                 points) of the window in front, it moves the window
 //   copy [<type>...]                              followed by the copied text up to the end of the
 //                                                 client's half of the connection: the text (when there
 //                                                 is any) and the extra types go on the pasteboard as
 //                                                 one change
-// Permission and activate need the simulated desktop, copy the simulated pasteboard.
+// Permission, activate and drag need the simulated desktop, copy the simulated pasteboard.
 class SessionBridge {
 public:
     // Starts listening; nothing (and a log line) when the socket cannot be made. A stale socket
@@ -56,6 +59,15 @@ public:
                                               std::int64_t modifiers);
     // Sends one request line (without its newline). Nothing on success, otherwise the reason.
     static std::optional<std::string> send(const std::filesystem::path& socketPath, const std::string& request);
+
+    // How tall the title bar of a simulated window is: a press there drags the window.
+    static constexpr double titleBarHeight = 28;
+    // A left-button drag from `from` to `to` in `steps` even moves, each followed by `settle` (which
+    // lets whoever listens catch up, as a hand is slower than a loop). Pressed on the title bar of
+    // the frontmost window, the window follows the pointer. False, and nothing posted, when the
+    // events cannot be made.
+    static bool postWindowDrag(SimulatedSession& session, SimulatedDesktop& desktop, Point from, Point to, int steps,
+                               const std::function<void()>& settle);
 
     // Sends one right-button stroke ("up,left", or "click"). Nothing on success, otherwise the reason.
     static std::optional<std::string> sendStroke(const std::filesystem::path& socketPath, const std::string& strokes);

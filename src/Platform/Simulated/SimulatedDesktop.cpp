@@ -296,6 +296,17 @@ std::optional<Rect> SimulatedDesktop::frontmostWindowFrame() const {
     return a->windows[*a->focusedWindow].frame;
 }
 
+bool SimulatedDesktop::moveFrontmostWindow(double dx, double dy) {
+    std::lock_guard lock(core_->mutex);
+    if (!core_->frontmost) return false;
+    auto* a = core_->app(*core_->frontmost);
+    if (!a || !a->focusedWindow || *a->focusedWindow >= a->windows.size()) return false;
+    auto& frame = a->windows[*a->focusedWindow].frame;
+    frame.origin = {frame.origin.x + dx, frame.origin.y + dy};
+    core_->changedLocked();
+    return true;
+}
+
 std::vector<std::string> SimulatedDesktop::accessibilityWrites() const {
     std::lock_guard lock(core_->mutex);
     return core_->writes;

@@ -138,6 +138,9 @@ public:
     std::optional<Rect> windowFrame(std::uint64_t windowID) const;
     // The focused window of the frontmost application, in accessibility coordinates.
     std::optional<Rect> frontmostWindowFrame() const;
+    // The user dragging that window by its title bar: the window manager moves it by the offset,
+    // which is no accessibility write. False when there is no such window.
+    bool moveFrontmostWindow(double dx, double dy);
 
     // Every accessibility write in order: "size 720 875", "position 0 25",
     // "enhancedUserInterface false", each prefixed with the pid ("4101 size 720 875").

@@ -91,6 +91,11 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     std::multiset<bool> oursButtons;
     // Whether the right button is grabbed: while an active tap wants its presses.
     bool buttonGrabbed = false;
+    // Whether the left button's raw events are selected: while a tap listens to them. Held tells
+    // a drag from a plain move, and the last place dragged to keeps repeats out.
+    bool leftSelected = false;
+    bool leftHeld = false;
+    std::optional<Point> lastDragged;
     // A right press the taps took: its motion and release come to this grab.
     bool strokeActive = false;
     // Around a sent keystroke: the modifier keys let go and those pressed for it.
@@ -123,6 +128,10 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     // Grabs the right button while an enabled active tap wants its presses, and lets it go
     // otherwise. The caller holds `lock`.
     void updateButtonGrab();
+    // Selects the raw events the taps need on the root window: keys always, the buttons and
+    // motion while a tap listens to the left button. The caller holds `lock`.
+    void updateRawSelection();
+    void handleRawPointer(std::uint16_t type, std::uint32_t button);
     void remap();
     void loadModifierMapping();
     void loadKeyCodes();
@@ -149,12 +158,9 @@ void X11EventSystem::Core::start() {
         auto version = xreply(xcb_input_xi_query_version_reply(c, xcb_input_xi_query_version(c, 2, 2), nullptr));
         if (version && version->major_version >= 2) {
             xinputOpcode = ext->major_opcode;
-            struct {
-                xcb_input_event_mask_t head;
-                std::uint32_t mask;
-            } selection{{XCB_INPUT_DEVICE_ALL_MASTER, 1},
-                        XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE};
-            xcb_input_xi_select_events(c, x->root(), 1, &selection.head);
+            std::lock_guard guard(lock);
+            leftSelected = true;  // so that the first call selects the keys alone
+            updateRawSelection();
         }
     }
     if (!xinputOpcode) Log::core.notice("The X server has no XInput 2: keys outside the shortcuts are not heard");
@@ -272,6 +278,11 @@ void X11EventSystem::Core::handle(xcb_generic_event_t* event) {
         if (generic->event_type == XCB_INPUT_RAW_KEY_PRESS || generic->event_type == XCB_INPUT_RAW_KEY_RELEASE) {
             auto* raw = reinterpret_cast<xcb_input_raw_key_press_event_t*>(event);
             handleRaw(generic->event_type, static_cast<xcb_keycode_t>(raw->detail));
+        }
+        if (generic->event_type == XCB_INPUT_RAW_BUTTON_PRESS || generic->event_type == XCB_INPUT_RAW_BUTTON_RELEASE ||
+            generic->event_type == XCB_INPUT_RAW_MOTION) {
+            auto* raw = reinterpret_cast<xcb_input_raw_button_press_event_t*>(event);
+            handleRawPointer(generic->event_type, raw->detail);
         }
     }
 }
@@ -395,6 +406,71 @@ void X11EventSystem::Core::handleMotion(const xcb_motion_notify_event_t* motion)
     }
     Event event = Event::mouse(EventType::rightMouseDragged, Point{double(motion->root_x), double(motion->root_y)}, 1);
     offer(EventType::rightMouseDragged, event, false);
+}
+
+void X11EventSystem::Core::updateRawSelection() {
+    if (!xinputOpcode || !alive) return;
+    const bool wanted = std::any_of(taps.begin(), taps.end(), [](const Tap& tap) {
+        return tap.enabled && (eventMaskContains(tap.mask, EventType::leftMouseDown) ||
+                               eventMaskContains(tap.mask, EventType::leftMouseUp) ||
+                               eventMaskContains(tap.mask, EventType::leftMouseDragged));
+    });
+    if (wanted == leftSelected) return;
+    std::uint32_t mask = XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE;
+    // Raw events reach the root whatever window is under the pointer and whoever grabbed it, a
+    // window manager moving a window included; they never take anything from anyone.
+    if (wanted) {
+        mask |= XCB_INPUT_XI_EVENT_MASK_RAW_BUTTON_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_BUTTON_RELEASE |
+                XCB_INPUT_XI_EVENT_MASK_RAW_MOTION;
+    }
+    struct {
+        xcb_input_event_mask_t head;
+        std::uint32_t mask;
+    } selection{{XCB_INPUT_DEVICE_ALL_MASTER, 1}, mask};
+    xcb_input_xi_select_events(x->xcb(), x->root(), 1, &selection.head);
+    xcb_flush(x->xcb());
+    leftSelected = wanted;
+    if (!wanted) {
+        leftHeld = false;
+        lastDragged.reset();
+    }
+}
+
+void X11EventSystem::Core::handleRawPointer(std::uint16_t type, std::uint32_t button) {
+    EventType eventType;
+    {
+        std::lock_guard guard(lock);
+        if (!leftSelected) return;
+        if (type == XCB_INPUT_RAW_MOTION) {
+            if (!leftHeld) return;
+            eventType = EventType::leftMouseDragged;
+        } else {
+            if (button != 1) return;
+            const bool down = type == XCB_INPUT_RAW_BUTTON_PRESS;
+            // A release without its press (the tap came after it) is no drag's end.
+            if (!down && !leftHeld) return;
+            leftHeld = down;
+            eventType = down ? EventType::leftMouseDown : EventType::leftMouseUp;
+        }
+    }
+    // Raw events carry no position: the pointer is asked where it is now.
+    std::optional<Point> at;
+    {
+        std::lock_guard guard(lock);
+        auto* c = x->xcb();
+        if (auto reply = xreply(xcb_query_pointer_reply(c, xcb_query_pointer(c, x->root()), nullptr))) {
+            at = Point{double(reply->root_x), double(reply->root_y)};
+        }
+        if (!at) return;
+        if (eventType == EventType::leftMouseDragged) {
+            if (lastDragged == at) return;
+            lastDragged = at;
+        } else {
+            lastDragged.reset();
+        }
+    }
+    Event event = Event::mouse(eventType, *at, 0);
+    offer(eventType, event, false);
 }
 
 void X11EventSystem::Core::updateButtonGrab() {
@@ -645,6 +721,7 @@ std::optional<TapHandle> X11EventSystem::createTap(TapOptions options, EventMask
     core_->taps.insert(core_->taps.begin(), std::move(tap));
     const auto handle = core_->taps.front().handle;
     core_->updateButtonGrab();
+    core_->updateRawSelection();
     core_->wakeReader();
     return handle;
 }
@@ -669,6 +746,7 @@ void X11EventSystem::setEnabled(TapHandle handle, bool enabled) {
         if (tap.handle == handle) tap.enabled = enabled;
     }
     core_->updateButtonGrab();
+    core_->updateRawSelection();
     core_->wakeReader();
 }
 
@@ -684,6 +762,7 @@ void X11EventSystem::removeTap(TapHandle handle) {
     std::lock_guard guard(core_->lock);
     std::erase_if(core_->taps, [&](const Tap& tap) { return tap.handle == handle; });
     core_->updateButtonGrab();
+    core_->updateRawSelection();
     core_->wakeReader();
 }
 

@@ -16,7 +16,9 @@ class X11Connection;
 // combinations an engine owns are grabbed on the root window (once for each combination of the
 // lock modifiers) with the keyboard frozen until the active taps have decided: a swallowed press
 // is consumed, a passed one replayed to the window that has the focus. Everything else is heard
-// through XInput 2 raw events and reaches the taps listen-only. Synthetic input goes through
+// through XInput 2 raw events and reaches the taps listen-only: keys always, and the left
+// button with the pointer's moves while a tap listens to it (raw events see a window manager's
+// move too, which grabs the pointer). Synthetic input goes through
 // XTest and is marked as the program's own when it comes back.
 //
 // One thread of its own reads the connection. When the server goes away it says so once and
