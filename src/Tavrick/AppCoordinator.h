@@ -113,6 +113,9 @@ struct AppEnvironment {
     std::int32_t selfPID = 0;
     // What can stand in front of the vault's stored passphrase; unset means this machine's.
     std::shared_ptr<Authenticator> authenticator = nullptr;
+    // Every application running in the session, for the menu's app-bound keep-awake; unset
+    // means none known.
+    std::function<std::vector<RunningApplication>()> listApplications = {};
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -184,6 +187,13 @@ public:
     ClipboardMonitor& clipboard() { return *clipboard_; }
     // The keep-awake session running now was started for a Pomodoro focus phase.
     bool pomodoroHoldsAwake() const { return pomodoroHoldsAwake_; }
+
+    Scheduler& scheduler() { return env_.scheduler; }
+    DiagnosticLog& log() { return env_.log; }
+    // The session's applications, oldest first.
+    std::vector<RunningApplication> runningApplications() const {
+        return env_.listApplications ? env_.listApplications() : std::vector<RunningApplication>{};
+    }
 
     // Opens the settings window; installed by the menu bar once it is up.
     std::function<void()> presentSettings;

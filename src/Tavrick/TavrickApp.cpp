@@ -40,6 +40,7 @@
 #include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
+#include "Platform/Terminal/TerminalMenu.h"
 #include "Platform/X11/X11Connection.h"
 #include "Platform/X11/X11Desktop.h"
 #include "Platform/X11/X11EventSystem.h"
@@ -48,6 +49,7 @@
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
 #include "Tavrick/FanHost.h"
+#include "Tavrick/MenuBarContent.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -309,6 +311,7 @@ int TavrickApp::main(int argc, char** argv) {
         .systemReadings = systemReadings.port(),
         .processControl = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), scheduler),
         .selfPID = getpid(),
+        .listApplications = [&desktop, &x11] { return x11 ? x11->desktop->allApplications() : desktop.allApplications(); },
     };
 
     std::cout << "Tavrick " << AppInfo::versionString() << "\n"
@@ -335,8 +338,54 @@ int TavrickApp::main(int argc, char** argv) {
         }
     }
 
+    // The menu: in this terminal once the engines are up, when there is a terminal to draw in.
+    auto requestQuit = [&terminationRequested] {
+        terminationRequested = true;
+        DispatchScheduler::shared().stopMain();
+    };
+    MenuBarContent menuContent(*coordinator);
+    menuContent.onQuit = requestQuit;
+    std::unique_ptr<TerminalMenu> terminalMenu;
+    auto menuOpening = scheduler.after(deferredStartSeconds, [&] {
+        std::string why;
+        terminalMenu = TerminalMenu::open(menuContent, scheduler, &why);
+        if (!terminalMenu) {
+            log.note("menu", "no terminal menu: " + why);
+            return;
+        }
+        log.note("menu", "terminal menu open");
+        terminalMenu->onQuit = requestQuit;
+        TerminalMenu* menu = terminalMenu.get();
+        // While the menu owns the screen, what would be printed goes to its status lines.
+        Log::setSink([menu](LogLevel, std::string_view category, std::string_view message) {
+            menu->post("[" + std::string(category) + "] " + std::string(message));
+        });
+        struct MenuToasts final : Toast::Presenter {
+            TerminalMenu* menu;
+            explicit MenuToasts(TerminalMenu* m) : menu(m) {}
+            void present(const std::string& title, Toast::Kind kind, const std::optional<std::string>& detail) override {
+                menu->post(TerminalToast::line(title, kind, detail));
+            }
+        };
+        Toast::shared().setPresenter(std::make_shared<MenuToasts>(menu));
+        notifications.setLineSink([menu](const std::string& line) { menu->post(line); });
+        TerminationSignals::setBeforeImmediateExit(&TerminalMenu::restoreTerminalFromSignal);
+        coordinator->presentSettings = [menu] { menu->reveal({"settings"}); };
+    });
+
     while (!terminationRequested) {
         scheduler.runMain();
+    }
+
+    menuOpening.cancel();
+    if (terminalMenu) {
+        TerminationSignals::setBeforeImmediateExit(nullptr);
+        Log::setSink(nullptr);
+        Toast::shared().setPresenter(std::make_shared<TerminalToast>());
+        notifications.setLineSink(nullptr);
+        coordinator->presentSettings = nullptr;
+        terminalMenu.reset();
+        log.note("menu", "terminal menu closed");
     }
 
     if (delegate.applicationShouldTerminate() == AppDelegate::TerminateReply::now) {
