@@ -219,7 +219,8 @@ private:
     void gesturesDidWake();
     void networkMonitorChanged(bool enabled);
     void installEverydayClosures();
-    void startEverydayServices();
+    void startLid();
+    void observeSleepAndQuit();
     void pomodoroPhaseEnded(PomodoroPhase finished, PomodoroPhase next);
     void pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning);
     void showNotepad();

@@ -316,6 +316,12 @@ TEST_F(MenuTest, ChoicesTogglesAndTextsWriteTheSettings) {
     EXPECT_FALSE(menu().activate("settings.searchEngine"));
 }
 
+TEST_F(MenuTest, EveryStoredPreferenceHasALineInSettings) {
+    for (const char* key : AppSettings::backedUpKeys) {
+        EXPECT_TRUE(find(std::string("settings.") + key)) << key << " is missing from Settings";
+    }
+}
+
 TEST_F(MenuTest, TheLabelCarriesTheChosenReadout) {
     const FanReading fan{.index = 0, .actual = 2412, .minimum = 1200, .maximum = 6000, .target = 0, .mode = std::nullopt};
     struct Case {

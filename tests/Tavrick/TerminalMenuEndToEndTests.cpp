@@ -38,6 +38,9 @@ public:
         auto result = run({"respawn-pane", "-k", "-t", "menu", command});
         EXPECT_EQ(result.status, 0) << result.output;
     }
+    // Keeps every byte the program writes from now on, to read back with `written`.
+    void record() { run({"pipe-pane", "-t", "menu", "cat > '" + (root_ / "written").string() + "'"}); }
+    std::string written() { return readFile(root_ / "written"); }
     std::string screen() { return run({"capture-pane", "-p", "-t", "menu"}).output; }
     std::string format(const std::string& f) {
         auto out = run({"display-message", "-p", "-t", "menu", f}).output;
@@ -181,6 +184,7 @@ TEST(TerminalMenu, ACrashSignalOrASecondInterruptGivesTheTerminalBack) {
         tmux.launch();
         ASSERT_TRUE(tmux.shows("Shortcuts & Gestures Enabled")) << tmux.screen();
         ASSERT_EQ(tmux.format("#{alternate_on}"), "1");
+        tmux.record();
         const pid_t pid = std::stoi(tmux.format("#{pane_pid}"));
         if (how == "crash") {
             ::kill(pid, SIGSEGV);
@@ -191,7 +195,11 @@ TEST(TerminalMenu, ACrashSignalOrASecondInterruptGivesTheTerminalBack) {
         }
         ASSERT_TRUE(tmux.ended()) << how;
         EXPECT_EQ(tmux.format("#{alternate_on}"), "0") << how;
-        EXPECT_EQ(tmux.format("#{cursor_flag}"), "1") << how;
+        // The cursor the menu hid is shown again: the last word about it says so.
+        ASSERT_TRUE(eventually([&] { return tmux.written().find("\x1b[?25h") != std::string::npos; }, patience)) << how;
+        const auto bytes = tmux.written();
+        const auto hidden = bytes.rfind("\x1b[?25l");
+        EXPECT_TRUE(hidden == std::string::npos || hidden < bytes.rfind("\x1b[?25h")) << how;
     }
 }
 

@@ -153,6 +153,8 @@ struct SignalState {
     int inFd = STDIN_FILENO;
     char restore[256] = {};
     std::size_t restoreLength = 0;
+    // Where the cursor-showing bytes begin in `restore`; they end it.
+    std::size_t showCursorAt = 0;
     int wakeFd = -1;
     struct sigaction previous[NSIG] = {};
 };
@@ -372,10 +374,13 @@ std::unique_ptr<TerminalMenu> TerminalMenu::open(MenuSource& source, Scheduler& 
     curs_set(0);
 
     signalState.restoreLength = 0;
+    // The cursor is shown after leaving the alternate screen, which may bring back the state
+    // saved on entering it (a hidden cursor).
     appendCapability("sgr0");
-    appendCapability("cnorm");
     appendCapability("rmkx");
     appendCapability("rmcup");
+    signalState.showCursorAt = signalState.restoreLength;
+    appendCapability("cnorm");
     if (::pipe2(core->pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         endwin();
         delscreen(core->screen);
@@ -458,6 +463,8 @@ void TerminalMenu::close() {
     signalState.active = false;
     // The bytes ncurses left in stdout's buffer are flushed before anything else prints.
     std::fflush(stdout);
+    [[maybe_unused]] auto written = ::write(STDOUT_FILENO, signalState.restore + signalState.showCursorAt,
+                                            signalState.restoreLength - signalState.showCursorAt);
     ::close(core->pipe[0]);
     ::close(core->pipe[1]);
     core->onQuit = nullptr;
