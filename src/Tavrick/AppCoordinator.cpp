@@ -295,6 +295,9 @@ void AppCoordinator::start() {
                                 ", copy-on-select=" + (settings_->copyOnSelect.get() ? "on" : "off"));
     env_.log.note("launch", "menu layout — " + AppSettings::describe(settings_->menuBarItems.get()));
 
+    // 6. The welcome, until the user has been through it once.
+    if (!settings_->hasCompletedWelcome.get() && showWelcome) showWelcome();
+
     // 7. The launch announcement, two seconds on.
     announceLaunch();
 

@@ -195,6 +195,10 @@ public:
         return env_.listApplications ? env_.listApplications() : std::vector<RunningApplication>{};
     }
 
+    // Shows the welcome at start while the settings say it was never completed; installed by the
+    // host before the deferred start.
+    std::function<void()> showWelcome;
+
     // Opens the settings window; installed by the menu bar once it is up.
     std::function<void()> presentSettings;
     FanMonitor* fans() { return fans_.get(); }

@@ -344,6 +344,17 @@ int TavrickApp::main(int argc, char** argv) {
         DispatchScheduler::shared().stopMain();
     };
     MenuBarContent menuContent(*coordinator);
+    // The welcome is a line on how to use the menu, shown once it is up and then never again; a
+    // run without a terminal leaves it for the first run with one.
+    bool welcomePending = false;
+    coordinator->showWelcome = [&welcomePending] { welcomePending = true; };
+    auto welcome = [&] {
+        if (!welcomePending) return;
+        welcomePending = false;
+        Toast::shared().show("Welcome to Tavrick", Toast::Kind::done,
+                             "Arrows and Enter choose, each line has a letter, Esc goes back, q quits");
+        coordinator->settings().hasCompletedWelcome.set(true);
+    };
     menuContent.onQuit = requestQuit;
     std::unique_ptr<TerminalMenu> terminalMenu;
     auto menuOpening = scheduler.after(deferredStartSeconds, [&] {
@@ -371,6 +382,7 @@ int TavrickApp::main(int argc, char** argv) {
         notifications.setLineSink([menu](const std::string& line) { menu->post(line); });
         TerminationSignals::setBeforeImmediateExit(&TerminalMenu::restoreTerminalFromSignal);
         coordinator->presentSettings = [menu] { menu->reveal({"settings"}); };
+        welcome();
     });
 
     while (!terminationRequested) {
@@ -384,6 +396,7 @@ int TavrickApp::main(int argc, char** argv) {
         Toast::shared().setPresenter(std::make_shared<TerminalToast>());
         notifications.setLineSink(nullptr);
         coordinator->presentSettings = nullptr;
+        coordinator->showWelcome = nullptr;
         terminalMenu.reset();
         log.note("menu", "terminal menu closed");
     }

@@ -76,6 +76,27 @@ protected:
     std::unique_ptr<MenuBarContent> content;
 };
 
+class WelcomeTest : public CoordinatorHarness {};
+
+TEST_F(WelcomeTest, TheStartShowsTheWelcomeOnlyUntilItWasCompleted) {
+    struct Case {
+        std::optional<bool> stored;
+        bool installed;
+        int expected;
+    } cases[] = {{std::nullopt, true, 1}, {false, true, 1}, {true, true, 0}, {std::nullopt, false, 0}};
+    for (const auto& c : cases) {
+        defaults.remove(AppSettings::Key::hasCompletedWelcome);
+        if (c.stored) defaults.set(AppSettings::Key::hasCompletedWelcome, *c.stored);
+        auto app = make();
+        int shown = 0;
+        if (c.installed) app->showWelcome = [&] { ++shown; };
+        app->start();
+        app->start();  // a second start does nothing
+        EXPECT_EQ(shown, c.expected);
+        coordinator.reset();
+    }
+}
+
 TEST_F(MenuTest, SectionsFollowTheStoredOrderAndTheBottomLinesNeverMove) {
     // Every section but the first is opened by a separator named after it.
     std::vector<std::string> expected;
