@@ -16,6 +16,7 @@ struct MenuEntry {
         submenu,   // opens `children`
         label,     // text only (a reading, a status line)
         separator, // a divider between sections
+        field,     // a value the user types; `value` holds it now, `submit` takes the new text
     };
 
     // Stable across snapshots while the line means the same thing ("pomodoro.start",
@@ -28,6 +29,9 @@ struct MenuEntry {
     // The letter a keyboard face may offer for the line, when the model has a preference.
     std::optional<char> shortcut;
     std::vector<MenuEntry> children;
+    // A field's current text, and whether a face must hide what is typed (a passphrase).
+    std::string value;
+    bool isSecret = false;
 
     friend bool operator==(const MenuEntry&, const MenuEntry&) = default;
 };
@@ -50,6 +54,19 @@ public:
     // The user chose the line `id`. Unknown or stale ids are ignored (a host may ask for a line
     // that has gone away); returns false for them.
     virtual bool activate(const std::string& id) = 0;
+
+    // The user typed `text` into the field `id`. False for unknown ids and for text the field
+    // refuses; the source says why through a toast.
+    virtual bool submit(const std::string& id, const std::string& text) {
+        (void)id;
+        (void)text;
+        return false;
+    }
+
+    // A face calls these when its menu shows and goes away, so that readings are taken only
+    // while somebody looks.
+    virtual void menuWillOpen() {}
+    virtual void menuDidClose() {}
 
     // Called when the snapshot may have changed. One observer per face; returns a token that
     // the face keeps while it listens.

@@ -50,6 +50,37 @@ ClipboardPolicy clipboardPolicy(const AppSettings& settings) {
     return policy;
 }
 
+// The fan monitor and controller, when the host has fan control.
+std::unique_ptr<FanMonitor> makeFanMonitor(AppEnvironment& env) {
+    if (!env.fans) return nullptr;
+    return std::make_unique<FanMonitor>(env.scheduler, env.log, *env.fans->monitorReader, *env.fans->monitorSensors);
+}
+
+std::unique_ptr<FanController> makeFanController(AppEnvironment& env) {
+    auto f = env.fans;
+    if (!f) return nullptr;
+    SMCReader* reader = f->controllerReader;
+    auto readLayout = [reader]() -> std::optional<std::vector<FanReading>> {
+        try {
+            reader->open();
+            return FanKeys::readFans(*reader, FanKeys::discover(*reader));
+        } catch (const SMCError&) {
+            return std::nullopt;
+        }
+    };
+    return std::make_unique<FanController>(FanController::Environment{
+        env.scheduler, env.log, *f->installer, f->bundle, f->makeClient,
+        [readLayout]() -> std::optional<bool> {
+            auto fans = readLayout();
+            return fans ? std::optional<bool>(!fans->empty()) : std::nullopt;
+        },
+        [readLayout]() -> std::optional<bool> {
+            auto fans = readLayout();
+            if (!fans) return std::nullopt;
+            return std::any_of(fans->begin(), fans->end(), [](const FanReading& r) { return r.mode == 1; });
+        }});
+}
+
 } // namespace
 
 std::shared_ptr<AppCoordinator> AppCoordinator::make(AppEnvironment environment) {
@@ -75,6 +106,7 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
       permissions_(std::make_unique<PermissionsMonitor>(env_.permissionSource, env_.scheduler)),
       settings_(std::make_unique<AppSettings>(env_.defaults, env_.log)),
       monitor_(std::make_unique<SystemMonitor>(env_.scheduler, env_.systemReadings)),
+      fans_(makeFanMonitor(env_)),
       filter_(std::make_unique<FilterController>(env_.network.filterSystem, &env_.log)),
       pomodoro_(std::make_unique<PomodoroController>(PomodoroConfig{}, env_.scheduler)),
       loginItem_(std::make_unique<LoginItemController>(env_.loginItems, env_.scheduler)),
@@ -100,6 +132,7 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
               .isAccessibilityTrusted = env_.permissionSource.isAccessibilityTrusted,
           },
           *windows_)),
+      fanControl_(makeFanController(env_)),
       clipboard_(std::make_unique<ClipboardMonitor>(clipboardPolicy(*settings_), settings_->isClipboardEnabled.get(),
                                                     env_.supportDirectory, *env_.pasteboard, env_.scheduler, env_.log)),
       flows_(FlowMonitor::make(
@@ -147,29 +180,6 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
         [this] {
             if (started_) syncFlowSettings();
         }});
-    if (auto f = env_.fans) {
-        fans_ = std::make_unique<FanMonitor>(env_.scheduler, env_.log, *f->monitorReader, *f->monitorSensors);
-        SMCReader* reader = f->controllerReader;
-        auto readLayout = [reader]() -> std::optional<std::vector<FanReading>> {
-            try {
-                reader->open();
-                return FanKeys::readFans(*reader, FanKeys::discover(*reader));
-            } catch (const SMCError&) {
-                return std::nullopt;
-            }
-        };
-        fanControl_ = std::make_unique<FanController>(FanController::Environment{
-            env_.scheduler, env_.log, *f->installer, f->bundle, f->makeClient,
-            [readLayout]() -> std::optional<bool> {
-                auto fans = readLayout();
-                return fans ? std::optional<bool>(!fans->empty()) : std::nullopt;
-            },
-            [readLayout]() -> std::optional<bool> {
-                auto fans = readLayout();
-                if (!fans) return std::nullopt;
-                return std::any_of(fans->begin(), fans->end(), [](const FanReading& r) { return r.mode == 1; });
-            }});
-    }
 }
 
 AppCoordinator::~AppCoordinator() {
@@ -334,6 +344,9 @@ void AppCoordinator::start() {
                                 ", copy-on-select=" + (settings_->copyOnSelect.get() ? "on" : "off"));
     env_.log.note("launch", "menu layout — " + AppSettings::describe(settings_->menuBarItems.get()));
 
+    // 6. The welcome, until the user has been through it once.
+    if (!settings_->hasCompletedWelcome.get() && showWelcome) showWelcome();
+
     // 7. The launch announcement, two seconds on.
     announceLaunch();
 
@@ -350,11 +363,14 @@ void AppCoordinator::start() {
     // 12.
     startEngines();
 
-    // 14 and 16: the lid watcher, and the flushes on sleep, power-off and quit.
-    startEverydayServices();
+    // 14. The lid watcher.
+    startLid();
 
     // 15.
     if (settings_->isNetworkMonitorEnabled.get()) networkMonitorChanged(true);
+
+    // 16. The note is flushed on sleep, power-off and quit; the clipboard forgotten at quit.
+    observeSleepAndQuit();
 
     // The folder the user chose to serve comes back with the program.
     syncFileServer();
@@ -520,7 +536,7 @@ void AppCoordinator::installEverydayClosures() {
     }));
 }
 
-void AppCoordinator::startEverydayServices() {
+void AppCoordinator::startLid() {
     env_.log.note("launch", "keep-awake holds " + env_.powerAssertions->describe());
     // What closing the lid now would do, as the menu would say it.
     const auto conditions = LidConditions::read(env_.lidSensors);
@@ -528,7 +544,9 @@ void AppCoordinator::startEverydayServices() {
     const LidVerdict verdict(source, lidJournal_->observation(source), conditions, env_.scheduler.clock().now());
     env_.log.note("lid", std::string(displayName(source)) + ": " + verdict.summary + " — " + verdict.detail);
     lid_->start();
+}
 
+void AppCoordinator::observeSleepAndQuit() {
     std::weak_ptr<AppCoordinator> weak = weak_from_this();
     auto flushNote = [weak](const WorkspaceNotification&) {
         if (auto self = weak.lock()) self->notepad_->flush();

@@ -120,6 +120,9 @@ struct AppEnvironment {
     std::shared_ptr<Authenticator> authenticator = nullptr;
     // What the snap preview is drawn on; unset means a drag snaps with no preview showing.
     SnapPreviewWindow::SurfaceFactory snapPreviewSurface = {};
+    // Every application running in the session, for the menu's app-bound keep-awake; unset
+    // means none known.
+    std::function<std::vector<RunningApplication>()> listApplications = {};
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -210,6 +213,17 @@ public:
     // The keep-awake session running now was started for a Pomodoro focus phase.
     bool pomodoroHoldsAwake() const { return pomodoroHoldsAwake_; }
 
+    Scheduler& scheduler() { return env_.scheduler; }
+    DiagnosticLog& log() { return env_.log; }
+    // The session's applications, oldest first.
+    std::vector<RunningApplication> runningApplications() const {
+        return env_.listApplications ? env_.listApplications() : std::vector<RunningApplication>{};
+    }
+
+    // Shows the welcome at start while the settings say it was never completed; installed by the
+    // host before the deferred start.
+    std::function<void()> showWelcome;
+
     // Opens the settings window; installed by the menu bar once it is up.
     std::function<void()> presentSettings;
     FanMonitor* fans() { return fans_.get(); }
@@ -236,7 +250,8 @@ private:
     void gesturesDidWake();
     void networkMonitorChanged(bool enabled);
     void installEverydayClosures();
-    void startEverydayServices();
+    void startLid();
+    void observeSleepAndQuit();
     void pomodoroPhaseEnded(PomodoroPhase finished, PomodoroPhase next);
     void pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning);
     void showNotepad();

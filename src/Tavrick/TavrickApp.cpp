@@ -44,6 +44,7 @@
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedSnapPreview.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
+#include "Platform/Terminal/TerminalMenu.h"
 #include "Platform/X11/X11Connection.h"
 #include "Platform/X11/X11Desktop.h"
 #include "Platform/X11/X11EventSystem.h"
@@ -54,6 +55,7 @@
 #include "Tavrick/CommandLine.h"
 #include "Tavrick/Diagnostics.h"
 #include "Tavrick/FanHost.h"
+#include "Tavrick/MenuBarContent.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -354,6 +356,7 @@ int TavrickApp::main(int argc, char** argv) {
         .processControl = LinuxProcessControl::make(std::make_shared<ProcSocketTable>(), getpid(), scheduler),
         .selfPID = getpid(),
         .snapPreviewSurface = snapSurface,
+        .listApplications = [&desktop, &x11] { return x11 ? x11->desktop->allApplications() : desktop.allApplications(); },
     };
 
     if (backup) {
@@ -406,8 +409,67 @@ int TavrickApp::main(int argc, char** argv) {
         }
     }
 
+    // The menu: in this terminal once the engines are up, when there is a terminal to draw in.
+    auto requestQuit = [&terminationRequested] {
+        terminationRequested = true;
+        DispatchScheduler::shared().stopMain();
+    };
+    MenuBarContent menuContent(*coordinator);
+    // The welcome is a line on how to use the menu, shown once it is up and then never again; a
+    // run without a terminal leaves it for the first run with one.
+    bool welcomePending = false;
+    coordinator->showWelcome = [&welcomePending] { welcomePending = true; };
+    auto welcome = [&] {
+        if (!welcomePending) return;
+        welcomePending = false;
+        Toast::shared().show("Welcome to Tavrick", Toast::Kind::done,
+                             "Arrows and Enter choose, each line has a letter, Esc goes back, q quits");
+        coordinator->settings().hasCompletedWelcome.set(true);
+    };
+    menuContent.onQuit = requestQuit;
+    std::unique_ptr<TerminalMenu> terminalMenu;
+    auto menuOpening = scheduler.after(deferredStartSeconds, [&] {
+        std::string why;
+        terminalMenu = TerminalMenu::open(menuContent, scheduler, &why);
+        if (!terminalMenu) {
+            log.note("menu", "no terminal menu: " + why);
+            return;
+        }
+        log.note("menu", "terminal menu open");
+        terminalMenu->onQuit = requestQuit;
+        TerminalMenu* menu = terminalMenu.get();
+        // While the menu owns the screen, what would be printed goes to its status lines.
+        Log::setSink([menu](LogLevel, std::string_view category, std::string_view message) {
+            menu->post("[" + std::string(category) + "] " + std::string(message));
+        });
+        struct MenuToasts final : Toast::Presenter {
+            TerminalMenu* menu;
+            explicit MenuToasts(TerminalMenu* m) : menu(m) {}
+            void present(const std::string& title, Toast::Kind kind, const std::optional<std::string>& detail) override {
+                menu->post(TerminalToast::line(title, kind, detail));
+            }
+        };
+        Toast::shared().setPresenter(std::make_shared<MenuToasts>(menu));
+        notifications.setLineSink([menu](const std::string& line) { menu->post(line); });
+        TerminationSignals::setBeforeImmediateExit(&TerminalMenu::restoreTerminalFromSignal);
+        coordinator->presentSettings = [menu] { menu->reveal({"settings"}); };
+        welcome();
+    });
+
     while (!terminationRequested) {
         scheduler.runMain();
+    }
+
+    menuOpening.cancel();
+    if (terminalMenu) {
+        TerminationSignals::setBeforeImmediateExit(nullptr);
+        Log::setSink(nullptr);
+        Toast::shared().setPresenter(std::make_shared<TerminalToast>());
+        notifications.setLineSink(nullptr);
+        coordinator->presentSettings = nullptr;
+        coordinator->showWelcome = nullptr;
+        terminalMenu.reset();
+        log.note("menu", "terminal menu closed");
     }
 
     if (delegate.applicationShouldTerminate() == AppDelegate::TerminateReply::now) {

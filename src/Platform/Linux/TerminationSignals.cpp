@@ -8,6 +8,14 @@
 
 namespace tavrick::TerminationSignals {
 
+namespace {
+std::atomic<void (*)()> beforeImmediateExit{nullptr};
+} // namespace
+
+void setBeforeImmediateExit(void (*hook)()) {
+    beforeImmediateExit = hook;
+}
+
 void install(std::function<void(int)> onRequest) {
     sigset_t set;
     sigemptyset(&set);
@@ -20,7 +28,10 @@ void install(std::function<void(int)> onRequest) {
         for (;;) {
             int signal = 0;
             if (sigwait(&set, &signal) != 0) continue;
-            if (requested) _exit(128 + signal);
+            if (requested) {
+                if (auto hook = beforeImmediateExit.load()) hook();
+                _exit(128 + signal);
+            }
             requested = true;
             onRequest(signal);
         }

@@ -10,4 +10,8 @@ namespace tavrick::TerminationSignals {
 // request is still being handled ends the process at once, for a user who presses Ctrl-C twice.
 void install(std::function<void(int signal)> onRequest);
 
+// Runs just before the immediate end of a second signal; it must be async-signal-safe (it puts
+// a full-screen terminal back as it was).
+void setBeforeImmediateExit(void (*hook)());
+
 } // namespace tavrick::TerminationSignals

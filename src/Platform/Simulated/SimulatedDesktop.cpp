@@ -80,6 +80,13 @@ std::optional<RunningApplication> SimulatedDesktop::frontmostApplication() const
     return Core::running(*a);
 }
 
+std::vector<RunningApplication> SimulatedDesktop::allApplications() const {
+    std::lock_guard lock(core_->mutex);
+    std::vector<RunningApplication> result;
+    for (const auto& a : core_->applications) result.push_back(Core::running(a));
+    return result;
+}
+
 std::vector<RunningApplication> SimulatedDesktop::runningApplications(const std::string& bundleIdentifier) const {
     std::lock_guard lock(core_->mutex);
     std::vector<RunningApplication> result;

@@ -95,6 +95,8 @@ public:
 
     // ---- Workspace ----
     std::optional<RunningApplication> frontmostApplication() const override;
+    // Every running application, oldest first.
+    std::vector<RunningApplication> allApplications() const;
     std::vector<RunningApplication> runningApplications(const std::string& bundleIdentifier) const override;
     bool activate(std::int32_t processIdentifier) override;
     bool terminate(std::int32_t processIdentifier) override;

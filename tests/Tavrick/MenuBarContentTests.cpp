@@ -1,0 +1,382 @@
+// The menu drawn from the services' state, and the commands it hands back, on virtual time.
+#include "Platform/Simulated/InMemoryPowerAssertions.h"
+#include "Platform/Simulated/SimulatedPasteboard.h"
+#include "Tavrick/CoordinatorHarness.h"
+#include "Tavrick/MenuBarContent.h"
+#include "Tavrick/SettingsMenu.h"
+
+#include <gtest/gtest.h>
+
+using namespace tavrick;
+using namespace tavrick::testing;
+
+namespace {
+
+struct NoProcesses : ProcessWatcher {
+    std::optional<Instance> find(const std::string&) override { return std::nullopt; }
+    std::unique_ptr<Watch> watchExit(const Instance&, std::function<void()>) override { return nullptr; }
+};
+
+class MenuTest : public CoordinatorHarness {
+protected:
+    void adjust(AppEnvironment& environment) override {
+        environment.supportDirectory = root / "support";
+        environment.pasteboard = pasteboard;
+        environment.powerAssertions = std::make_shared<InMemoryPowerAssertions>();
+        environment.processes = std::make_shared<NoProcesses>();
+        environment.listApplications = [this] { return apps; };
+    }
+    MenuBarContent& menu() {
+        if (!content) {
+            CoordinatorHarness::make()->start();
+            content = std::make_unique<MenuBarContent>(*coordinator);
+            // Past the launch announcement, so that each test sees only its own toasts.
+            scheduler.advance(2.5);
+            presenter->lines.clear();
+        }
+        return *content;
+    }
+    void TearDown() override {
+        content.reset();
+        CoordinatorHarness::TearDown();
+    }
+
+    // The line `id` anywhere in the menu.
+    std::optional<MenuEntry> find(const std::string& id) {
+        std::function<std::optional<MenuEntry>(const std::vector<MenuEntry>&)> walk =
+            [&](const std::vector<MenuEntry>& entries) -> std::optional<MenuEntry> {
+            for (const auto& e : entries) {
+                if (e.id == id) return e;
+                if (auto inner = walk(e.children)) return inner;
+            }
+            return std::nullopt;
+        };
+        return walk(menu().snapshot().entries);
+    }
+    std::string title(const std::string& id) {
+        auto e = find(id);
+        return e ? e->title : "<absent " + id + ">";
+    }
+    // The sections in the order drawn, by the first line of each, and the bottom lines.
+    std::vector<std::string> topLevelIDs() {
+        std::vector<std::string> ids;
+        for (const auto& e : menu().snapshot().entries) ids.push_back(e.id);
+        return ids;
+    }
+    std::vector<std::string> sectionOrder() {
+        std::vector<std::string> order;
+        for (const auto& id : topLevelIDs()) {
+            if (id.rfind("separator.", 0) == 0 && id != "separator.bottom") order.push_back(id.substr(10));
+        }
+        return order;
+    }
+
+    std::shared_ptr<SimulatedPasteboard> pasteboard = std::make_shared<SimulatedPasteboard>();
+    std::vector<RunningApplication> apps;
+    std::unique_ptr<MenuBarContent> content;
+};
+
+class WelcomeTest : public CoordinatorHarness {};
+
+TEST_F(WelcomeTest, TheStartShowsTheWelcomeOnlyUntilItWasCompleted) {
+    struct Case {
+        std::optional<bool> stored;
+        bool installed;
+        int expected;
+    } cases[] = {{std::nullopt, true, 1}, {false, true, 1}, {true, true, 0}, {std::nullopt, false, 0}};
+    for (const auto& c : cases) {
+        defaults.remove(AppSettings::Key::hasCompletedWelcome);
+        if (c.stored) defaults.set(AppSettings::Key::hasCompletedWelcome, *c.stored);
+        auto app = make();
+        int shown = 0;
+        if (c.installed) app->showWelcome = [&] { ++shown; };
+        app->start();
+        app->start();  // a second start does nothing
+        EXPECT_EQ(shown, c.expected);
+        coordinator.reset();
+    }
+}
+
+TEST_F(MenuTest, SectionsFollowTheStoredOrderAndTheBottomLinesNeverMove) {
+    // Every section but the first is opened by a separator named after it.
+    std::vector<std::string> expected;
+    for (auto section : allCases<MenuBarSection>()) expected.push_back(std::string(rawValue(section)));
+    expected.erase(expected.begin());
+    EXPECT_EQ(sectionOrder(), expected);
+    auto ids = topLevelIDs();
+    ASSERT_GE(ids.size(), 4u);
+    EXPECT_EQ(std::vector<std::string>(ids.end() - 4, ids.end()),
+              (std::vector<std::string>{"separator.bottom", "settings", "updates", "quit"}));
+    EXPECT_EQ(title("updates"), "Check for Updates…");
+    EXPECT_EQ(title("quit"), "Quit");
+
+    // The layout editor moves pomodoro to the top and hides the vault; the menu follows at once.
+    int changes = 0;
+    const int token = menu().addChangeObserver([&] { ++changes; });
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(menu().activate("settings.menuBarItems.pomodoro.up"));
+    EXPECT_TRUE(menu().activate("settings.menuBarItems.vault.show"));
+    EXPECT_GE(changes, 4);
+    menu().removeChangeObserver(token);
+    EXPECT_EQ(topLevelIDs().front(), "pomodoro.status");
+    auto order = sectionOrder();
+    EXPECT_EQ(order.front(), "masterToggle");
+    EXPECT_EQ(std::count(order.begin(), order.end(), "vault"), 0);
+    EXPECT_FALSE(find("vault.status"));
+    // At the top, Move Up is greyed out and does nothing.
+    EXPECT_FALSE(find("settings.menuBarItems.pomodoro.up")->isEnabled);
+    EXPECT_FALSE(menu().activate("settings.menuBarItems.pomodoro.up"));
+    EXPECT_EQ(title("settings.menuBarItems.vault"), "(hidden) vault");
+    // The stored form is what the next launch reads.
+    const auto stored = MenuBarLayout::decode(*defaults.object(AppSettings::Key::menuBarItems)->asData());
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->front().section, MenuBarSection::pomodoro);
+    EXPECT_TRUE(noted("[menu] layout saved — hidden: vault"));
+}
+
+TEST_F(MenuTest, MovingASectionStopsAtEitherEnd) {
+    const auto layout = MenuBarLayout::defaultLayout();
+    struct Case {
+        MenuBarSection section;
+        int offset;
+        std::size_t expectedIndex;
+    } cases[] = {
+        {MenuBarSection::masterToggle, -1, 0}, {MenuBarSection::vault, 1, 10}, {MenuBarSection::pomodoro, -2, 1},
+        {MenuBarSection::pomodoro, 100, 10},   {MenuBarSection::fans, -100, 0}, {MenuBarSection::clipboard, 0, 2},
+    };
+    for (const auto& c : cases) {
+        const auto items = SettingsMenu::moved(layout, c.section, c.offset);
+        ASSERT_EQ(items.size(), layout.size());
+        EXPECT_EQ(items[c.expectedIndex].section, c.section) << rawValue(c.section) << " by " << c.offset;
+        EXPECT_EQ(MenuBarLayout::normalized(items), items);
+    }
+    // A section that is not in the list leaves it as it was.
+    const std::vector<MenuBarItem> two{{MenuBarSection::fans, true}, {MenuBarSection::vault, false}};
+    EXPECT_EQ(SettingsMenu::moved(two, MenuBarSection::clipboard, -1), two);
+}
+
+TEST_F(MenuTest, TheMasterSwitchShowsAPermissionProblemAndActs) {
+    accessibility = PermissionState::denied;
+    session.setTapCreationAllowed(false);
+    EXPECT_EQ(title("master.enabled"), "Shortcuts & Gestures Enabled");
+    EXPECT_TRUE(find("master.enabled")->isOn);
+    EXPECT_EQ(title("master.error"), "⚠︎ Not active — permission needed");
+    EXPECT_EQ(title("master.grant"), "Grant Accessibility…");
+    EXPECT_TRUE(menu().activate("master.grant"));
+    EXPECT_EQ(accessibilityPrompts, 1);
+    EXPECT_TRUE(menu().activate("master.enabled"));
+    EXPECT_FALSE(coordinator->isEnabled().get());
+    EXPECT_FALSE(find("master.enabled")->isOn);
+    // Switched off, the engines are stopped and the error is gone with them.
+    EXPECT_FALSE(find("master.error"));
+}
+
+TEST_F(MenuTest, ClipboardLinesPinUnpinAndClearWithTheirConfirmations) {
+    EXPECT_EQ(title("clipboard.empty"), "Nothing copied yet");
+    EXPECT_FALSE(find("clipboard.clear"));
+    for (const char* text : {"first copy", "second   copy\nwith a line"}) {
+        pasteboard->copy({{Pasteboard::plainTextType, text}});
+        scheduler.advance(1);
+    }
+    const auto entries = menu().snapshot().entries;
+    std::vector<std::string> items;
+    for (const auto& e : entries) {
+        if (e.id.rfind("clipboard.item.", 0) == 0) items.push_back(e.title);
+    }
+    // Newest first, on one line.
+    EXPECT_EQ(items, (std::vector<std::string>{"second copy with a line", "first copy"}));
+    const auto newest = coordinator->clipboard().history().get().items().front();
+    const std::string id = "clipboard.item." + newest.id.uuidString();
+
+    EXPECT_TRUE(menu().activate(id + ".pin"));
+    EXPECT_EQ(title(id), "📌 second copy with a line");
+    EXPECT_EQ(title(id + ".pin"), "Unpin");
+    EXPECT_TRUE(menu().activate(id + ".pin"));
+    EXPECT_TRUE(menu().activate(id + ".pin"));
+    EXPECT_TRUE(menu().activate("clipboard.clear"));
+    EXPECT_EQ(presenter->lines, (std::vector<std::string>{"Pinned | It will survive Clear History",
+                                                          "Unpinned | It can be evicted again",
+                                                          "Pinned | It will survive Clear History",
+                                                          "Cleared 1 copy, kept 1 pinned | Keeps anything pinned"}));
+    // The pinned copy stays; clearing again with only pins says so without the detail.
+    ASSERT_EQ(coordinator->clipboard().history().get().items().size(), 1u);
+    EXPECT_TRUE(menu().activate(id + ".pin"));
+    presenter->lines.clear();
+    EXPECT_TRUE(menu().activate("clipboard.clear"));
+    EXPECT_EQ(presenter->lines, (std::vector<std::string>{"Cleared 1 copy"}));
+    EXPECT_EQ(title("clipboard.empty"), "Nothing copied yet");
+    // The line that went away is a stale id now.
+    EXPECT_FALSE(menu().activate(id + ".copy"));
+}
+
+TEST_F(MenuTest, ThePomodoroLineCountsDownPausesAndResets) {
+    struct Step {
+        std::string action;
+        double advance;
+        std::string status;
+        std::string button;
+    } steps[] = {
+        {"", 0, "Pomodoro stopped", "Start"},
+        {"pomodoro.toggle", 0, "Focus · 25:00 left", "Pause"},
+        {"", 60, "Focus · 24:00 left", "Pause"},
+        {"pomodoro.toggle", 30, "Focus · 24:00 left — paused", "Resume"},
+        {"pomodoro.toggle", 1, "Focus · 23:59 left", "Pause"},
+        {"pomodoro.skip", 0, "Short Break next · 5:00", "Start"},
+        {"pomodoro.reset", 0, "Pomodoro stopped", "Start"},
+        {"pomodoro.focus.10", 0, "Focus · 10:00 left", "Pause"},
+    };
+    for (const auto& step : steps) {
+        if (!step.action.empty()) {
+            EXPECT_TRUE(menu().activate(step.action)) << step.action;
+        }
+        scheduler.advance(step.advance);
+        EXPECT_EQ(title("pomodoro.status"), step.status) << step.action;
+        EXPECT_EQ(title("pomodoro.toggle"), step.button) << step.action;
+    }
+    // Reset is greyed out when there is nothing to reset.
+    EXPECT_TRUE(menu().activate("pomodoro.reset"));
+    EXPECT_FALSE(find("pomodoro.reset")->isEnabled);
+    EXPECT_FALSE(menu().activate("pomodoro.reset"));
+}
+
+TEST_F(MenuTest, KeepAwakeSessionsStartFromTheMenuAndEndingOneConfirms) {
+    apps = {RunningApplication{.processIdentifier = 42, .bundleIdentifier = "org.mozilla.firefox", .localizedName = "Firefox"},
+            RunningApplication{.processIdentifier = 43, .bundleIdentifier = std::nullopt, .localizedName = "nameless"}};
+    EXPECT_EQ(title("awake.status"), "Keep Awake is off");
+    EXPECT_EQ(title("awake.indefinite"), "Until you turn it off");
+    EXPECT_FALSE(find("awake.stop"));
+    EXPECT_EQ(find("awake.app")->children.size(), 1u);
+    EXPECT_EQ(title("awake.app.org.mozilla.firefox"), "Firefox");
+
+    EXPECT_TRUE(menu().activate("awake.for.900"));
+    EXPECT_TRUE(coordinator->awake().isActive().get());
+    EXPECT_NE(title("awake.status").find(" · 15:00 left"), std::string::npos) << title("awake.status");
+    scheduler.advance(60);
+    EXPECT_NE(title("awake.status").find(" · 14:00 left"), std::string::npos) << title("awake.status");
+    EXPECT_TRUE(menu().activate("awake.stop"));
+    EXPECT_FALSE(coordinator->awake().isActive().get());
+    EXPECT_EQ(presenter->lines.back(), "Keep-awake off | The Mac can sleep again");
+
+    // A mode picked with nothing running starts nothing, and the next session takes it.
+    EXPECT_TRUE(menu().activate("awake.mode.allowDisplaySleep"));
+    EXPECT_FALSE(coordinator->awake().isActive().get());
+    EXPECT_TRUE(find("awake.mode.allowDisplaySleep")->isOn);
+    EXPECT_TRUE(menu().activate("awake.indefinite"));
+    EXPECT_EQ(coordinator->awake().mode().get(), AwakeMode::allowDisplaySleep);
+    EXPECT_FALSE(find("awake.mode.keepDisplayOn")->isOn);
+
+    apps.clear();
+    const auto none = find("awake.app.none");
+    ASSERT_TRUE(none);
+    EXPECT_EQ(none->title, "No apps available");
+    EXPECT_FALSE(none->isEnabled);
+}
+
+TEST_F(MenuTest, TheNetworkSwitchStoresTheChoiceAndTheSectionSaysWhatItKnows) {
+    EXPECT_FALSE(find("network.watch")->isOn);
+    EXPECT_FALSE(find("network.summary"));
+    EXPECT_TRUE(menu().activate("network.watch"));
+    EXPECT_TRUE(coordinator->settings().isNetworkMonitorEnabled.get());
+    EXPECT_TRUE(find("network.watch")->isOn);
+    EXPECT_EQ(title("network.summary"), "Nothing connected");
+    EXPECT_EQ(title("network.learning"), "Learning what is normal — not alerting yet");
+    EXPECT_TRUE(menu().activate("network.watch"));
+    EXPECT_FALSE(coordinator->settings().isNetworkMonitorEnabled.get());
+}
+
+TEST_F(MenuTest, NumberSettingsAreClampedOrRefusedWithAClearLine) {
+    struct Case {
+        std::string id;
+        std::string typed;
+        bool accepted;
+        std::string toast;  // empty for none
+    } cases[] = {
+        {"settings.clipboardMaximumItems", " 250 ", true, ""},
+        {"settings.clipboardMaximumItems", "1000", true, "Clipboard Items Kept set to 500 | It stays in 10…500"},
+        {"settings.clipboardMaximumItems", "9", true, "Clipboard Items Kept set to 10 | It stays in 10…500"},
+        {"settings.clipboardMaximumItems", "99999999999999999999", true, "Clipboard Items Kept set to 500 | It stays in 10…500"},
+        {"settings.clipboardMaximumItems", "12abc", false, "warning Clipboard Items Kept was not changed | “12abc” is not a whole number"},
+        {"settings.clipboardMaximumItems", "", false, "warning Clipboard Items Kept was not changed | “” is not a whole number"},
+        {"settings.networkSampleSeconds", "0", true, "Network Sample Seconds set to 1 | It stays in 1…60"},
+        {"settings.servePort", "65536", false, "warning Serve on Port was not changed | It takes a number in 1…65535"},
+        {"settings.servePort", "8080", true, ""},
+        {"settings.vaultLockSeconds", "-5", false, "warning Vault Locks After (seconds) was not changed | It takes a number in 0…86400"},
+    };
+    for (const auto& c : cases) {
+        presenter->lines.clear();
+        const auto before = find(c.id)->value;
+        EXPECT_EQ(menu().submit(c.id, c.typed), c.accepted) << c.id << " " << c.typed;
+        EXPECT_EQ(presenter->lines, c.toast.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.toast})
+            << c.typed;
+        if (!c.accepted) {
+            EXPECT_EQ(find(c.id)->value, before) << "a refused value changed the setting";
+        }
+    }
+    EXPECT_EQ(coordinator->settings().clipboardMaximumItems.get(), 500);
+    EXPECT_EQ(coordinator->settings().servePort.get(), 8080);
+    EXPECT_EQ(coordinator->settings().vaultLockSeconds.get(), 300);
+    // What the settings took is what the clipboard keeps.
+    EXPECT_EQ(coordinator->clipboard().policy().get().maximumItems, 500);
+    EXPECT_FALSE(menu().submit("settings.nothing", "1"));
+}
+
+TEST_F(MenuTest, ChoicesTogglesAndTextsWriteTheSettings) {
+    EXPECT_EQ(title("settings.menuBarReadout"), "Menu Bar Readout: Nothing");
+    EXPECT_TRUE(menu().activate("settings.menuBarReadout.chipTemperature"));
+    EXPECT_EQ(coordinator->settings().menuBarReadout.get(), MenuBarReadout::chipTemperature);
+    EXPECT_TRUE(find("settings.menuBarReadout.chipTemperature")->isOn);
+    EXPECT_FALSE(find("settings.menuBarReadout.off")->isOn);
+    EXPECT_TRUE(menu().activate("settings.showConfirmations"));
+    EXPECT_FALSE(coordinator->settings().showConfirmations.get());
+    EXPECT_TRUE(menu().submit("settings.networkMutedApps", " /usr/bin/curl, ,/bin/wget,/usr/bin/curl"));
+    EXPECT_EQ(coordinator->settings().networkMutedApps.get(), (std::vector<std::string>{"/usr/bin/curl", "/bin/wget"}));
+    EXPECT_EQ(find("settings.networkMutedApps")->value, "/usr/bin/curl, /bin/wget");
+    EXPECT_TRUE(menu().submit("settings.translateInto", "  French "));
+    EXPECT_EQ(coordinator->settings().translateInto.get(), "French");
+    // Values this build only carries are shown, never offered for editing.
+    EXPECT_EQ(find("settings.searchEngine")->kind, MenuEntry::Kind::label);
+    EXPECT_FALSE(menu().activate("settings.searchEngine"));
+}
+
+TEST_F(MenuTest, EveryStoredPreferenceHasALineInSettings) {
+    for (const char* key : AppSettings::backedUpKeys) {
+        EXPECT_TRUE(find(std::string("settings.") + key)) << key << " is missing from Settings";
+    }
+}
+
+TEST_F(MenuTest, TheLabelCarriesTheChosenReadout) {
+    const FanReading fan{.index = 0, .actual = 2412, .minimum = 1200, .maximum = 6000, .target = 0, .mode = std::nullopt};
+    struct Case {
+        MenuBarIconStyle style;
+        MenuBarReadout readout;
+        std::vector<FanReading> fans;
+        std::optional<double> hottest;
+        std::string expected;
+    } cases[] = {
+        {MenuBarIconStyle::tavrick, MenuBarReadout::off, {fan}, 61.0, "MenuBarGlyph"},
+        {MenuBarIconStyle::tavrick, MenuBarReadout::chipTemperature, {}, 61.4, "MenuBarGlyph    61°"},
+        {MenuBarIconStyle::tavrick, MenuBarReadout::chipTemperature, {}, std::nullopt, "MenuBarGlyph      –"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(MenuBarLabel::text(c.style, c.readout, c.fans, c.hottest), c.expected);
+    }
+    const auto withFans = MenuBarLabel::text(MenuBarIconStyle::tavrick, MenuBarReadout::fanSpeed, {fan}, 61.0);
+    EXPECT_EQ(withFans, "MenuBarGlyph  " + FanFormat::readout({fan}, 61.0));
+    EXPECT_NE(MenuBarLabel::text(MenuBarIconStyle::gestures, MenuBarReadout::off, {}, {}), "MenuBarGlyph");
+}
+
+TEST_F(MenuTest, FansWithoutFanControlSayUnavailableAndUnknownIDsAreIgnored) {
+    EXPECT_EQ(title("fans.speed"), "Speed  unavailable");
+    EXPECT_FALSE(find("fans.preset.max"));
+    EXPECT_FALSE(menu().activate("fans.preset.max"));
+    EXPECT_FALSE(menu().activate(""));
+    EXPECT_FALSE(menu().activate("pomodoro.status"));  // a label does nothing
+    EXPECT_FALSE(menu().submit("quit", "x"));
+    // Opening and closing the menu twice counts one watcher, and closing gives it back.
+    menu().menuWillOpen();
+    menu().menuWillOpen();
+    EXPECT_EQ(coordinator->monitor().watchers(), 1);
+    menu().menuDidClose();
+    EXPECT_EQ(coordinator->monitor().watchers(), 0);
+}
+
+} // namespace
