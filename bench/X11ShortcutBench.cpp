@@ -39,7 +39,7 @@ extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 pid_t spawn(const std::vector<std::string>& arguments, const std::vector<std::string>& extraEnvironment = {},
             int stdoutFd = -1) {
@@ -102,12 +102,12 @@ public:
         return code;
     }
     // Ctrl and Alt down, then the key: the moment the key press leaves is returned.
-    Clock::time_point press(xcb_keycode_t control, xcb_keycode_t alt, xcb_keycode_t key) {
+    SteadyClock::time_point press(xcb_keycode_t control, xcb_keycode_t alt, xcb_keycode_t key) {
         xcb_test_fake_input(c_, XCB_KEY_PRESS, control, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
         xcb_test_fake_input(c_, XCB_KEY_PRESS, alt, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
         sync();
         xcb_test_fake_input(c_, XCB_KEY_PRESS, key, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
-        const auto sent = Clock::now();
+        const auto sent = SteadyClock::now();
         xcb_flush(c_);
         return sent;
     }
@@ -188,7 +188,7 @@ int main(int argc, char** argv) {
             HotkeyEngine engine(events, *scheduler, *log);
             engine.update({mapping});
             engine.setOnTrigger([&firedAt, scheduler](const Mapping&) {
-                scheduler->async([&firedAt] { firedAt = Clock::now().time_since_epoch().count(); });
+                scheduler->async([&firedAt] { firedAt = SteadyClock::now().time_since_epoch().count(); });
             });
             engine.start();
             events.sync();
@@ -196,9 +196,9 @@ int main(int argc, char** argv) {
                 firedAt = 0;
                 const auto sent = keyboard.press(control, alt, key);
                 const auto deadline = sent + std::chrono::seconds(2);
-                while (firedAt == 0 && Clock::now() < deadline) scheduler->runMainFor(0.0002);
+                while (firedAt == 0 && SteadyClock::now() < deadline) scheduler->runMainFor(0.0002);
                 if (firedAt) {
-                    ours.push_back(std::chrono::duration<double, std::micro>(Clock::duration(firedAt.load()) -
+                    ours.push_back(std::chrono::duration<double, std::micro>(SteadyClock::duration(firedAt.load()) -
                                                                              sent.time_since_epoch())
                                        .count());
                 } else {
@@ -234,7 +234,7 @@ int main(int argc, char** argv) {
                 const auto sent = keyboard.press(control, alt, key);
                 pollfd fd{fifoRead, POLLIN, 0};
                 if (::poll(&fd, 1, 2000) > 0) {
-                    const auto heard = Clock::now();
+                    const auto heard = SteadyClock::now();
                     theirs.push_back(std::chrono::duration<double, std::micro>(heard - sent).count());
                     while (::read(fifoRead, drain, sizeof drain) > 0) {
                     }
