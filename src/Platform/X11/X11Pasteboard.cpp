@@ -47,6 +47,7 @@ bool isTextTarget(const std::string& name) {
 
 // One read this program asked for: filled on the reader thread, waited for by the caller.
 struct Transfer {
+    std::uint64_t serial = 0;
     xcb_atom_t target = XCB_ATOM_NONE;
     bool answered = false;  // the owner sent its SelectionNotify
     bool incremental = false;
@@ -133,6 +134,7 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
     std::vector<std::pair<std::string, std::string>> entries;  // what this program offers, when it owns
     std::map<xcb_atom_t, std::string> targetNames;               // atoms this program offers, by name
     std::optional<Transfer> transfer;
+    std::uint64_t nextSerial = 1;
     std::map<std::pair<xcb_window_t, xcb_atom_t>, Outgoing> outgoing;
     std::map<xcb_atom_t, std::string> atomNames;
     // What was read of the current owner's copy, for the count it belongs to.
@@ -335,7 +337,7 @@ void X11Pasteboard::Core::serve(const xcb_selection_request_event_t* request) {
             }
         }
     }
-    std::lock_guard xguard(x->lock);
+    std::unique_lock xguard(x->lock);
     bool refused = !isAtoms && !data;
     if (isAtoms) {
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, request->requestor, property, XCB_ATOM_ATOM, 32,
@@ -346,10 +348,17 @@ void X11Pasteboard::Core::serve(const xcb_selection_request_event_t* request) {
         xcb_change_window_attributes(c, request->requestor, XCB_CW_EVENT_MASK, &events);
         const auto size = static_cast<std::uint32_t>(data->size());
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, request->requestor, property, incr, 32, 1, &size);
-        std::lock_guard guard(lock);
+        // The requestor's deletes come to this same thread after this returns, so recording the
+        // transfer now is soon enough. Transfers a requestor abandoned go after half a minute.
         const auto now = SteadyClock::now();
-        std::erase_if(outgoing, [&](const auto& item) { return now - item.second.started > seconds(30); });
-        outgoing[{request->requestor, property}] = Outgoing{std::move(*data), 0, dataType, false, now};
+        Outgoing transferOut{std::move(*data), 0, dataType, false, now};
+        xguard.unlock();
+        {
+            std::lock_guard guard(lock);
+            std::erase_if(outgoing, [&](const auto& item) { return now - item.second.started > seconds(30); });
+            outgoing[{request->requestor, property}] = std::move(transferOut);
+        }
+        xguard.lock();
     } else if (data) {
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, request->requestor, property, dataType,
                             dataType == XCB_ATOM_INTEGER ? 32 : 8,
@@ -415,12 +424,14 @@ void X11Pasteboard::Core::answered(const xcb_selection_notify_event_t* notify) {
         transfer->done = true;
         transfer->failure = "the owner has no such content";
     } else {
+        const auto serial = transfer->serial;
         guard.unlock();
         std::string data, failure;
         xcb_atom_t type = XCB_ATOM_NONE;
         const bool ok = takeProperty(data, type, failure);
         guard.lock();
-        if (!transfer) return;
+        // Given up while the property was read: the answer belongs to nobody now.
+        if (!transfer || transfer->serial != serial) return;
         if (!ok) {
             transfer->done = true;
             transfer->failure = failure;
@@ -442,16 +453,18 @@ void X11Pasteboard::Core::answered(const xcb_selection_notify_event_t* notify) {
 void X11Pasteboard::Core::propertyChanged(const xcb_property_notify_event_t* notify) {
     if (notify->window == window) {
         if (notify->atom != transferProperty || notify->state != XCB_PROPERTY_NEW_VALUE) return;
+        std::uint64_t serial = 0;
         {
             std::lock_guard guard(lock);
             if (!transfer || !transfer->incremental || transfer->done) return;
+            serial = transfer->serial;
         }
         std::string piece, failure;
         xcb_atom_t type = XCB_ATOM_NONE;
         const bool ok = takeProperty(piece, type, failure);
         {
             std::lock_guard guard(lock);
-            if (!transfer || transfer->done) return;
+            if (!transfer || transfer->done || transfer->serial != serial) return;
             transfer->lastProgress = SteadyClock::now();
             if (!ok) {
                 transfer->done = true;
@@ -471,16 +484,24 @@ void X11Pasteboard::Core::propertyChanged(const xcb_property_notify_event_t* not
         return;
     }
     if (notify->state != XCB_PROPERTY_DELETE) return;
-    std::lock_guard guard(lock);
-    auto found = outgoing.find({notify->window, notify->atom});
-    if (found == outgoing.end()) return;
-    if (found->second.finished) {
-        outgoing.erase(found);
-        return;
+    // Only this thread touches the transfers going out; the lock is for the map itself.
+    Outgoing* out = nullptr;
+    {
+        std::lock_guard guard(lock);
+        auto found = outgoing.find({notify->window, notify->atom});
+        if (found == outgoing.end()) return;
+        if (found->second.finished) {
+            outgoing.erase(found);
+            return;
+        }
+        out = &found->second;
     }
-    std::lock_guard xguard(x->lock);
-    sendPiece(notify->window, notify->atom, found->second);
-    if (found->second.finished) outgoing.erase(found);
+    {
+        std::lock_guard xguard(x->lock);
+        sendPiece(notify->window, notify->atom, *out);
+    }
+    std::lock_guard guard(lock);
+    if (out->finished) outgoing.erase({notify->window, notify->atom});
 }
 
 std::optional<std::string> X11Pasteboard::Core::fetch(xcb_atom_t target, std::string& failure) {
@@ -491,6 +512,7 @@ std::optional<std::string> X11Pasteboard::Core::fetch(xcb_atom_t target, std::st
     {
         std::lock_guard guard(lock);
         transfer = Transfer{};
+        transfer->serial = nextSerial++;
         transfer->target = target;
         transfer->lastProgress = SteadyClock::now();
     }
