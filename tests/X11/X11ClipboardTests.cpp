@@ -57,8 +57,13 @@ public:
         std::string data;
     };
 
+    enum class Answers { yes, never, beginsPiecesAndStalls };
+
     ForeignOwner(const std::string& display, std::vector<Target> targets, bool answers = true)
-        : targets_(std::move(targets)) {
+        : ForeignOwner(display, std::move(targets), answers ? Answers::yes : Answers::never) {}
+
+    ForeignOwner(const std::string& display, std::vector<Target> targets, Answers answers)
+        : targets_(std::move(targets)), answers_(answers) {
         c_ = xcb_connect(display.c_str(), nullptr);
         window_ = makeWindow(c_);
         clipboard_ = intern(c_, "CLIPBOARD");
@@ -67,7 +72,7 @@ public:
         xcb_set_selection_owner(c_, window_, clipboard_, XCB_CURRENT_TIME);
         auto owner = xreply(xcb_get_selection_owner_reply(c_, xcb_get_selection_owner(c_, clipboard_), nullptr));
         owns_ = owner && owner->owner == window_;
-        if (answers) thread_ = std::thread([this] { serve(); });
+        if (answers != Answers::never) thread_ = std::thread([this] { serve(); });
     }
 
     ~ForeignOwner() {
@@ -109,6 +114,14 @@ private:
         }
         for (std::size_t i = 0; i < atoms_.size(); ++i) {
             if (atoms_[i] != request->target) continue;
+            if (answers_ == Answers::beginsPiecesAndStalls) {
+                // Announces a large answer and then never sends a piece of it.
+                const std::uint32_t size = 1 << 20;
+                xcb_change_property(c_, XCB_PROP_MODE_REPLACE, request->requestor, request->property,
+                                    intern(c_, "INCR"), 32, 1, &size);
+                reply.property = request->property;
+                continue;
+            }
             xcb_change_property(c_, XCB_PROP_MODE_REPLACE, request->requestor, request->property, atoms_[i], 8,
                                 std::uint32_t(targets_[i].data.size()), targets_[i].data.data());
             reply.property = request->property;
@@ -118,6 +131,7 @@ private:
     }
 
     std::vector<Target> targets_;
+    Answers answers_ = Answers::yes;
     std::vector<xcb_atom_t> atoms_;
     xcb_connection_t* c_ = nullptr;
     xcb_window_t window_ = 0;
@@ -405,6 +419,21 @@ TEST_F(X11Clipboard, AnOwnerThatNeverAnswersCostsOneTimeOutAndIsSaid) {
     ForeignOwner answering(session->display(), {{"UTF8_STRING", "answered"}});
     ASSERT_TRUE(moved(*reader, next));
     EXPECT_EQ(reader->string(), "answered");
+}
+
+TEST_F(X11Clipboard, AnIncrementalAnswerThatStallsIsGivenUpWithinTheLimit) {
+    X11Pasteboard::Limits quick;
+    quick.answerSeconds = 0.3;
+    auto reader = open(quick);
+    const auto before = reader->changeCount();
+    ForeignOwner stalling(session->display(), {{"UTF8_STRING", "never whole"}}, ForeignOwner::Answers::beginsPiecesAndStalls);
+    ASSERT_TRUE(moved(*reader, before));
+    EXPECT_EQ(reader->types(), std::vector<std::string>{Pasteboard::plainTextType});
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(reader->string());
+    EXPECT_FALSE(reader->string());
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(), 0.85);
+    EXPECT_EQ(reader->lastReadFailure(), "the owner stopped sending for 0.3 s");
 }
 
 TEST_F(X11Clipboard, TheOwnerLeavingAndTheServerGoingAwayEndReadsAtOnce) {
