@@ -1,6 +1,8 @@
 #include "Tavrick/Diagnostics.h"
 
+#include "Platform/X11/X11Connection.h"
 #include "Platform/X11/X11EventSystem.h"
+#include "Platform/X11/X11PadWindow.h"
 
 #include "CoreKit/KeyCodes.h"
 #include "CoreKit/MappingStore.h"
@@ -229,15 +231,32 @@ int runMouseRecorderSelfTestAndExit(Context& context) {
     auto& out = context.out;
     out << "Mouse recorder self-test\n";
 
-    // The pad is the application in front: it reads whatever right-button events reach it.
+    // The pad is the application in front: it reads whatever right-button events reach it. On X11
+    // it is a real window of this program's under the drag, reached the way any window is.
     RecordingPad pad;
-    context.session.setOnDeliver([&pad](const Event& event) { pad.handle(event); });
+    const Point from{400, 300}, to{520, 300};
+    std::unique_ptr<X11PadWindow> padWindow;
+    if (context.x11) {
+        std::string why;
+        auto connection = X11Connection::open("", &why);
+        if (connection) {
+            padWindow = X11PadWindow::open(std::move(connection), XRect{300, 200, 400, 300},
+                                           [&pad](const Event& event) { pad.handle(event); }, &why);
+        }
+        if (!padWindow) {
+            out << "✗ could not open the pad window: " << why << "\n";
+            return 1;
+        }
+    } else {
+        context.session.setOnDeliver([&pad](const Event& event) { pad.handle(event); });
+    }
     struct Detach {
         SimulatedSession& session;
         ~Detach() { session.setOnDeliver(nullptr); }
     } detach{context.session};
 
-    MouseGestureEngine engine(context.session, context.scheduler);
+    EventSystem& events = context.x11 ? static_cast<EventSystem&>(*context.x11) : context.session;
+    MouseGestureEngine engine(events, context.scheduler);
     std::mutex mutex;
     std::vector<std::string> notes;
     engine.setOnNote([&](const std::string& text) {
@@ -260,11 +279,18 @@ int runMouseRecorderSelfTestAndExit(Context& context) {
         return 1;
     }
 
-    const Point from{400, 300}, to{520, 300};
     auto drawOnce = [&]() -> std::optional<std::vector<GestureDirection>> {
         pad.clear();
-        if (!postRightDrag(context.session, from, to)) return std::nullopt;
-        context.session.drain();
+        if (!postRightDrag(events, from, to)) return std::nullopt;
+        if (context.x11) {
+            // The press, the drag and whatever the engine gives back travel through the server: the
+            // pad has its answer once a whole click or drag reached it.
+            if (!context.x11->sync()) return std::nullopt;
+            pump(context.scheduler, 2.0, [&] { return !pad.heard().empty(); });
+            padWindow->sync();
+        } else {
+            context.session.drain();
+        }
         std::vector<GestureDirection> strokes;
         for (const auto& drag : pad.heard()) strokes.insert(strokes.end(), drag.begin(), drag.end());
         return strokes;

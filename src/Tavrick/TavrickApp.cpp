@@ -46,9 +46,11 @@
 #include "Platform/Simulated/SimulatedTrackpad.h"
 #include "Platform/Terminal/TerminalMenu.h"
 #include "Platform/X11/X11Connection.h"
+#include "Platform/X11/X11ActivationWatcher.h"
 #include "Platform/X11/X11Desktop.h"
 #include "Platform/X11/X11EventSystem.h"
 #include "Platform/X11/X11SnapPreview.h"
+#include "Platform/X11/X11Pasteboard.h"
 #include "Tavrick/AppCoordinator.h"
 #include "Tavrick/AppDelegate.h"
 #include "Tavrick/BackupCommand.h"
@@ -111,6 +113,9 @@ struct X11Ports {
     std::shared_ptr<X11Connection> requests;
     std::unique_ptr<X11EventSystem> events;
     std::unique_ptr<X11Desktop> desktop;
+    // The clipboard, on a connection of its own; nothing, with why, when the server cannot offer it.
+    std::shared_ptr<X11Pasteboard> pasteboard;
+    std::string pasteboardWhy;
     std::string display;
 };
 
@@ -125,6 +130,9 @@ std::optional<X11Ports> openX11(std::string& why) {
     ports.requests = std::move(requests);
     ports.events = std::make_unique<X11EventSystem>(std::move(events));
     ports.desktop = std::make_unique<X11Desktop>(ports.requests, X11Desktop::defaultApplicationFolders());
+    if (auto clipboard = X11Connection::open(ports.display, &ports.pasteboardWhy)) {
+        ports.pasteboard = X11Pasteboard::open(std::move(clipboard), X11Pasteboard::Limits{}, &ports.pasteboardWhy);
+    }
     return ports;
 }
 
@@ -250,6 +258,23 @@ int TavrickApp::main(int argc, char** argv) {
         workspace.post({WorkspaceEvent::didActivateApplication, app.bundleIdentifier});
     });
     SuspendWatcher suspendWatcher(workspace, scheduler);
+    // On X11 the window manager's active window tells which application came to the front; the
+    // watcher's thread asks who that is and posts only when the application changed.
+    std::unique_ptr<X11ActivationWatcher> activationWatcher;
+    if (x11) {
+        std::string why;
+        if (auto connection = X11Connection::open(x11->display, &why)) {
+            activationWatcher = std::make_unique<X11ActivationWatcher>(
+                std::move(connection), [&workspace, desktop = x11->desktop.get(), lastPID = std::int32_t{-1}]() mutable {
+                    auto front = desktop->frontmostApplication();
+                    if (!front || front->processIdentifier == lastPID) return;
+                    lastPID = front->processIdentifier;
+                    workspace.post({WorkspaceEvent::didActivateApplication, front->bundleIdentifier});
+                });
+        } else {
+            Log::core.notice("Activations are not heard: %s", why.c_str());
+        }
+    }
     TerminalNotifications terminalNotices;
     auto desktopNotices = desktopBus->notifications(terminalNotices, *terminalToasts);
     if (desktopNotices) Toast::shared().setPresenter(desktopNotices);
@@ -257,6 +282,13 @@ int TavrickApp::main(int argc, char** argv) {
     // The session's pasteboard; the desktop's state file shows its change count and types, never
     // the text.
     auto pasteboard = std::make_shared<SimulatedPasteboard>();
+    std::shared_ptr<Pasteboard> clipboard = pasteboard;
+    if (x11 && x11->pasteboard) {
+        clipboard = x11->pasteboard;
+        Log::core.notice("Clipboard: the X11 CLIPBOARD selection at %s", x11->display.c_str());
+    } else if (x11) {
+        Log::core.notice("Clipboard: simulated (%s)", x11->pasteboardWhy.c_str());
+    }
     desktop.addStateSection("pasteboard", [pasteboard] { return pasteboard->stateSection(); });
     pasteboard->setOnChange([&desktop](std::int64_t, const std::vector<std::string>&) { desktop.noteStateChange(); });
     // The snap preview: a real override-redirect window on X11, otherwise recorded in the state file.
@@ -341,7 +373,7 @@ int TavrickApp::main(int argc, char** argv) {
             .supportDirectory = {},
         },
         .supportDirectory = supportDirectory(),
-        .pasteboard = pasteboard,
+        .pasteboard = clipboard,
         .powerAssertions = desktopBus->inhibitors(),
         .processes = std::make_shared<LinuxProcessWatcher>(),
         .lidSensors = LinuxLidSensors::make("/"),
@@ -399,7 +431,9 @@ int TavrickApp::main(int argc, char** argv) {
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session"
                   << (x11 ? " (through XTest)" : "") << "\n"
-                  << "  copies   : echo -n <text> | scripts/session copy   puts a copy on this session's pasteboard\n"
+                  << (clipboard == pasteboard
+                          ? "  copies   : echo -n <text> | scripts/session copy   puts a copy on this session's pasteboard\n"
+                          : "  copies   : the X11 clipboard (CLIPBOARD)\n")
                   << std::flush;
         if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
             bridge->setTouchPlayer([trackpad](const std::filesystem::path& recording) {
