@@ -76,10 +76,13 @@ struct MenuBarContent::Built {
 
 MenuBarContent::MenuBarContent(AppCoordinator& coordinator) : c_(coordinator) {
     observeServices();
+    if (!snapError) snapError = [this] { return c_.snapError().get(); };
 }
 
 MenuBarContent::~MenuBarContent() {
     *alive_ = false;
+    c_.vaultPanel().onChange = nullptr;
+    VaultCrypto::wipe(newPassphrase_);
     if (isOpen_) menuDidClose();
 }
 
@@ -152,6 +155,9 @@ void MenuBarContent::observeServices() {
     observations_.push_back(c_.vault().items.observe(any));
     observations_.push_back(c_.vault().storage.observe(any));
     observations_.push_back(c_.vault().lastError.observe(any));
+    observations_.push_back(c_.vault().protection.observe(any));
+    c_.vaultPanel().onChange = [this] { changed(); };
+    observations_.push_back(c_.snapError().observe(any));
 }
 
 void MenuBarContent::menuWillOpen() {
@@ -512,45 +518,7 @@ MenuBarContent::Built MenuBarContent::build() const {
             break;
         }
         case MenuBarSection::vault: {
-            auto& vault = c.vault();
-            if (!vault.exists()) {
-                b.add(out, label("vault.status", "No vault yet"));
-            } else if (!vault.isUnlocked.get()) {
-                b.add(out, label("vault.status", "Vault locked"));
-                auto unlock = entry("vault.unlock", Kind::field, "Unlock with Passphrase…");
-                unlock.isSecret = true;
-                b.field(out, unlock, [self, &vault](const std::string& passphrase) {
-                    if (passphrase.empty()) {
-                        self->toast("The vault stays locked", true, "Type the passphrase to unlock it");
-                        return false;
-                    }
-                    std::weak_ptr<bool> alive = self->alive_;
-                    vault.unlock(passphrase, [self, alive](std::optional<std::string> error) {
-                        if (alive.expired()) return;
-                        if (error) {
-                            self->toast("The vault stays locked", true, *error);
-                        } else {
-                            self->toast("Vault unlocked", false, std::nullopt);
-                        }
-                    });
-                    return true;
-                });
-                if (vault.hasUnlockShortcut()) {
-                    b.add(out, entry("vault.unlockShortcut", Kind::command, "Unlock with the Login Password"), [self, &vault] {
-                        std::weak_ptr<bool> alive = self->alive_;
-                        vault.unlockWithShortcut([self, alive](std::optional<std::string> error) {
-                            if (!alive.expired() && error) self->toast("The vault stays locked", true, *error);
-                        });
-                    });
-                }
-            } else {
-                b.add(out, label("vault.status", "Vault unlocked · " + plural(vault.items.get().size(), "item", "items")));
-                for (const auto& item : vault.sorted()) {
-                    b.add(out, label("vault.item." + item.id.uuidString(), item.title));
-                }
-                b.add(out, entry("vault.lock", Kind::command, "Lock Now"), [&vault] { vault.lock(); });
-            }
-            if (const auto& error = vault.lastError.get()) b.add(out, label("vault.error", "⚠︎ " + *error));
+            buildVault(b, out);
             break;
         }
         }
@@ -568,6 +536,192 @@ MenuBarContent::Built MenuBarContent::build() const {
         if (self->onQuit) self->onQuit();
     });
     return b;
+}
+
+// The vault as its window would show it: the gate while locked, the entries with their rows while
+// open, and what the last copy or failure said. Secrets appear only while revealed.
+void MenuBarContent::buildVault(Built& b, std::vector<MenuEntry>& out) const {
+    auto* self = const_cast<MenuBarContent*>(this);
+    VaultPanel& panel = c_.vaultPanel();
+    Vault& vault = c_.vault();
+    std::weak_ptr<bool> alive = alive_;
+    // What a panel operation reports goes to a toast: a failure as a warning, a note as news.
+    auto report = [self, alive](std::string done) {
+        return [self, alive, done = std::move(done)](std::optional<std::string> message) {
+            if (alive.expired()) return;
+            if (message) {
+                self->toast(*message, true, std::nullopt);
+            } else if (!done.empty()) {
+                self->toast(done, false, std::nullopt);
+            }
+            self->changed();
+        };
+    };
+    auto secretField = [](std::string id, std::string title) {
+        auto e = entry(std::move(id), Kind::field, std::move(title));
+        e.isSecret = true;
+        return e;
+    };
+
+    b.add(out, label("vault.status", panel.summary()));
+    if (!vault.isUnlocked.get()) {
+        const auto gate = panel.gate(askForPassphrase_);
+        switch (panel.gateMode()) {
+        case VaultPanel::GateMode::create: {
+            b.add(out, toggle("vault.ask", VaultPanel::Labels::askForPassphrase, askForPassphrase_),
+                  [self] { self->askForPassphrase_ = !self->askForPassphrase_; self->changed(); });
+            if (!askForPassphrase_) {
+                b.add(out, entry("vault.create", Kind::command, gate.action), [&panel, report] {
+                    panel.submitCreate(std::nullopt, false, report("Vault created"));
+                });
+            } else if (newPassphrase_.empty()) {
+                b.field(out, secretField("vault.create.passphrase", gate.action + "\u2026"),
+                        [self, &panel](const std::string& text) {
+                            if (!panel.canSubmit(true, text, text)) {
+                                self->toast("Eight characters minimum", true, std::nullopt);
+                                return false;
+                            }
+                            self->newPassphrase_ = text;
+                            self->changed();
+                            return true;
+                        });
+            } else {
+                b.field(out, secretField("vault.create.repeat", VaultPanel::Labels::repeat),
+                        [self, &panel, report](const std::string& text) {
+                            std::string first = std::exchange(self->newPassphrase_, std::string());
+                            const bool same = panel.canSubmit(true, first, text);
+                            if (!same) {
+                                VaultCrypto::wipe(first);
+                                self->toast("The two passphrases differ", true, "Type it again, twice");
+                                self->changed();
+                                return false;
+                            }
+                            panel.submitCreate(std::move(first), false, report("Vault created"));
+                            return true;
+                        });
+            }
+            b.add(out, label("vault.explanation", gate.explanation));
+            break;
+        }
+        case VaultPanel::GateMode::unlock: {
+            b.field(out, secretField("vault.unlock", gate.action + "\u2026"), [self, &panel, report](const std::string& text) {
+                if (!panel.canSubmit(true, text, text)) return false;
+                panel.submitUnlock(text, self->rememberNext_, report(""));
+                return true;
+            });
+            if (auto remember = panel.rememberOption())
+                b.add(out, toggle("vault.remember", *remember, rememberNext_),
+                      [self] { self->rememberNext_ = !self->rememberNext_; self->changed(); });
+            if (auto shortcut = panel.shortcutButton())
+                b.add(out, entry("vault.unlockShortcut", Kind::command, *shortcut),
+                      [&panel, report] { panel.unlockWithShortcut(report("")); });
+            break;
+        }
+        case VaultPanel::GateMode::hidden:
+            b.add(out, entry("vault.show", Kind::command, gate.action), [self, &panel] {
+                panel.showEntries();
+                if (!panel.message().empty()) self->toast(panel.message(), true, std::nullopt);
+            });
+            break;
+        case VaultPanel::GateMode::unreadable:
+            b.add(out, label("vault.gate", gate.title));
+            b.add(out, label("vault.explanation", gate.explanation));
+            break;
+        }
+        if (const auto& error = vault.lastError.get()) b.add(out, label("vault.error", "\u26a0\ufe0e " + *error));
+        return;
+    }
+
+    const auto entries = panel.entries();
+    if (entries.empty()) b.add(out, label("vault.empty", std::string(VaultPanel::emptyTitle) + " \u2014 " + VaultPanel::emptyDetail));
+    for (const auto& listed : entries) {
+        const std::string base = "vault.entry." + listed.id.uuidString();
+        auto line = entry(base, Kind::submenu,
+                          std::string(VaultKinds::title(listed.kind)) + " \u00b7 " + listed.title +
+                              (listed.hint.empty() ? "" : "  " + listed.hint));
+        for (const auto& row : panel.rows(listed.id)) {
+            const std::string id = base + "." + row.field;
+            b.add(line.children, label(id, row.label + ": " + row.shown + (row.brand ? "  " + *row.brand : "")));
+            const UUID entryId = listed.id;
+            const std::string field = row.field;
+            if (row.canReveal)
+                b.add(line.children, entry(id + ".reveal", Kind::command, (row.isRevealed ? "Hide " : "Reveal ") + row.label),
+                      [self, &panel, entryId, field, revealed = row.isRevealed] {
+                          if (revealed) {
+                              panel.hide(entryId, field);
+                          } else {
+                              panel.reveal(entryId, field);
+                          }
+                          self->changed();
+                      });
+            b.add(line.children, entry(id + ".copy", Kind::command, "Copy " + row.label), [self, &panel, entryId, field] {
+                panel.copy(entryId, field);
+                self->toast(panel.message(), false, std::nullopt);
+                self->changed();
+            });
+        }
+        if (auto confirmation = panel.deleteConfirmation(listed.id)) {
+            auto remove = entry(base + ".delete", Kind::submenu, "Delete\u2026");
+            b.add(remove.children, label(base + ".delete.title", confirmation->title));
+            b.add(remove.children, label(base + ".delete.detail", confirmation->detail));
+            b.add(remove.children, entry(base + ".delete.confirm", Kind::command, confirmation->confirm),
+                  [self, &panel, entryId = listed.id] {
+                      if (auto failure = panel.remove(entryId)) self->toast(*failure, true, std::nullopt);
+                      self->changed();
+                  });
+            line.children.push_back(std::move(remove));
+        }
+        out.push_back(std::move(line));
+    }
+
+    // Adding: a kind, then its fields one by one; "Add" stores the draft.
+    if (VaultEditor* editor = panel.editor()) {
+        auto edit = entry("vault.editor", Kind::submenu, editor->namePrompt() + ": " + (editor->isNew() ? "new" : "editing"));
+        auto name = entry("vault.editor.name", Kind::field, "Name");
+        name.value = editor->draft().title;
+        b.field(edit.children, name, [self, editor](const std::string& text) {
+            editor->setTitle(text);
+            self->changed();
+            return true;
+        });
+        for (const auto& field : VaultKinds::fields(editor->draft().kind)) {
+            auto line = entry("vault.editor." + field.id, Kind::field, field.label);
+            line.value = editor->draft().value(field.id).value_or("");
+            b.field(edit.children, line, [self, editor, id = field.id](const std::string& text) {
+                editor->set(id, text);
+                self->changed();
+                return true;
+            });
+        }
+        if (auto warning = editor->cardWarning()) b.add(edit.children, label("vault.editor.warning", "\u26a0\ufe0e " + *warning));
+        if (const auto& failure = editor->failure()) b.add(edit.children, label("vault.editor.failure", "\u26a0\ufe0e " + *failure));
+        auto confirm = entry("vault.editor.confirm", Kind::command, editor->confirmTitle());
+        confirm.isEnabled = editor->canConfirm();
+        b.add(edit.children, confirm, [self, &panel] {
+            panel.confirmEditor();
+            self->changed();
+        });
+        b.add(edit.children, entry("vault.editor.cancel", Kind::command, "Cancel"), [self, &panel] {
+            panel.cancelEditor();
+            self->changed();
+        });
+        b.add(edit.children, label("vault.editor.footnote", VaultEditor::footnote));
+        out.push_back(std::move(edit));
+    } else {
+        auto add = entry("vault.add", Kind::submenu, "Add");
+        for (VaultKind kind : VaultKinds::allCases)
+            b.add(add.children, entry("vault.add." + std::string(VaultKinds::id(kind)), Kind::command, std::string(VaultKinds::title(kind))),
+                  [self, &panel, kind] {
+                      panel.beginAdd(kind);
+                      self->changed();
+                  });
+        out.push_back(std::move(add));
+    }
+    if (!panel.message().empty()) b.add(out, label("vault.message", panel.message()));
+    b.add(out, entry("vault.lock", Kind::command, "Lock Now"), [self, &panel] {
+        panel.close();
+        self->changed();
+    });
 }
 
 } // namespace tavrick

@@ -59,6 +59,7 @@ private:
     void changed();
     void observeServices();
     void toast(const std::string& title, bool warning, const std::optional<std::string>& detail) const;
+    void buildVault(Built& b, std::vector<MenuEntry>& out) const;
 
     AppCoordinator& c_;
     std::vector<Observation> observations_;
@@ -67,6 +68,11 @@ private:
     bool isOpen_ = false;
     // The keep-awake mode picked while no session runs; the next session takes it.
     std::optional<AwakeMode> chosenAwakeMode_;
+    // The vault gate's choices while it is drawn: a passphrase or not, the first of the two
+    // passphrases typed on creation (wiped once used), and whether to remember the next one.
+    bool askForPassphrase_ = true;
+    std::string newPassphrase_;
+    bool rememberNext_ = false;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

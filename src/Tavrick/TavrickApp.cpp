@@ -418,15 +418,6 @@ int TavrickApp::main(int argc, char** argv) {
 
     AppearanceController::setApplier(std::make_shared<TerminalAppearance>(log));
     auto coordinator = construct(environment);
-    // The tray face. It draws the app's MenuSource: MenuBarContent is handed over here.
-    MenuSource* menuSource = nullptr;
-    auto tray = desktopBus->tray(scheduler);
-    if (tray && menuSource) {
-        tray->setSource(menuSource);
-        tray->start();
-    } else if (tray) {
-        log.note("desktop", "the tray item waits for the menu; the menu is on the terminal");
-    }
     auto bridge = SessionBridge::listen(session, &desktop, sessionSocketPath(), pasteboard.get());
     if (bridge) {
         std::cout << "  keys     : tavrick --post-key <keyCode> <modifiers> types into this session"
@@ -449,6 +440,12 @@ int TavrickApp::main(int argc, char** argv) {
         DispatchScheduler::shared().stopMain();
     };
     MenuBarContent menuContent(*coordinator);
+    // The tray face draws the same menu as the terminal one, where a desktop bus offers a tray.
+    auto tray = desktopBus->tray(scheduler);
+    if (tray) {
+        tray->setSource(&menuContent);
+        tray->start();
+    }
     // The welcome is a line on how to use the menu, shown once it is up and then never again; a
     // run without a terminal leaves it for the first run with one.
     bool welcomePending = false;
@@ -483,8 +480,10 @@ int TavrickApp::main(int argc, char** argv) {
                 menu->post(TerminalToast::line(title, kind, detail));
             }
         };
-        Toast::shared().setPresenter(std::make_shared<MenuToasts>(menu));
-        notifications.setLineSink([menu](const std::string& line) { menu->post(line); });
+        // Toasts and notices go to the desktop's notifications where a server shows them, else to
+        // the menu's status lines.
+        if (!desktopNotices) Toast::shared().setPresenter(std::make_shared<MenuToasts>(menu));
+        terminalNotices.setLineSink([menu](const std::string& line) { menu->post(line); });
         TerminationSignals::setBeforeImmediateExit(&TerminalMenu::restoreTerminalFromSignal);
         coordinator->presentSettings = [menu] { menu->reveal({"settings"}); };
         welcome();
@@ -498,8 +497,8 @@ int TavrickApp::main(int argc, char** argv) {
     if (terminalMenu) {
         TerminationSignals::setBeforeImmediateExit(nullptr);
         Log::setSink(nullptr);
-        Toast::shared().setPresenter(std::make_shared<TerminalToast>());
-        notifications.setLineSink(nullptr);
+        if (!desktopNotices) Toast::shared().setPresenter(terminalToasts);
+        terminalNotices.setLineSink(nullptr);
         coordinator->presentSettings = nullptr;
         coordinator->showWelcome = nullptr;
         terminalMenu.reset();

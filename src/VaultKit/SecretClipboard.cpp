@@ -58,7 +58,10 @@ void VaultSession::fire() {
 void VaultSession::reveal(const FieldRef& field, const VaultField& description) {
     revealed_.insert(field);
     revealTimers_[field].cancel();
-    revealTimers_[field] = scheduler_.after(description.revealSeconds(), [this, field] { hide(field); });
+    revealTimers_[field] = scheduler_.after(description.revealSeconds(), [this, field] {
+        hide(field);
+        if (onChange) onChange();
+    });
     restartLockTimer();
 }
 
@@ -92,8 +95,10 @@ void VaultSession::copy(const std::string& value) {
     }
     message_ = "Copied \u2014 the pasteboard clears in " + std::to_string(seconds) + "s, and the history skipped it.";
     clearTimer_ = scheduler_.after(seconds, [this, since = *count] {
-        if (SecretClipboard::clearIfUnchanged(since, pasteboard_))
+        if (SecretClipboard::clearIfUnchanged(since, pasteboard_)) {
             message_ = "The copy has been cleared from the pasteboard.";
+            if (onChange) onChange();
+        }
     });
 }
 

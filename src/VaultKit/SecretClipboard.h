@@ -36,6 +36,8 @@ public:
     std::function<void()> onLock;
     // Whether an entry is being edited, which earns up to three more periods.
     std::function<bool()> isEditing;
+    // What shows changed by itself: a reveal ran out, the pasteboard was cleared.
+    std::function<void()> onChange;
 
     void restartLockTimer();
     void cancelLockTimer();

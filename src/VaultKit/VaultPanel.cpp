@@ -72,6 +72,9 @@ bool VaultEditor::confirm(const std::function<std::optional<std::string>(const V
 
 VaultPanel::VaultPanel(Vault& vault, VaultSession& session) : vault_(vault), session_(session) {
     session_.isEditing = [this] { return editor_.has_value(); };
+    session_.onChange = [this] {
+        if (onChange) onChange();
+    };
     session_.onLock = [this] {
         editor_.reset();
         failure_.clear();
@@ -79,7 +82,11 @@ VaultPanel::VaultPanel(Vault& vault, VaultSession& session) : vault_(vault), ses
     };
     // A lock from elsewhere (a restore, the menu) leaves nothing on screen either.
     unlockedObservation_ = vault_.isUnlocked.observe([this](bool unlocked) {
-        if (unlocked) return;
+        if (unlocked) {
+            // However it was opened, the auto-lock runs from now.
+            session_.restartLockTimer();
+            return;
+        }
         session_.cancelLockTimer();
         session_.clearOnScreenState();
         editor_.reset();
@@ -90,6 +97,7 @@ VaultPanel::VaultPanel(Vault& vault, VaultSession& session) : vault_(vault), ses
 VaultPanel::~VaultPanel() {
     session_.isEditing = nullptr;
     session_.onLock = nullptr;
+    session_.onChange = nullptr;
 }
 
 VaultPanel::GateMode VaultPanel::gateMode() const {

@@ -163,6 +163,9 @@ public:
         static constexpr const char* guaranteesTitle = "What This Is, And Is Not";
     };
 
+    // What shows changed by itself (a reveal ran out, the pasteboard was cleared).
+    std::function<void()> onChange;
+
     // The selection bar stops looking while the panel shows; the coordinator links this.
     std::function<void(bool suspended, const std::string& reason)> onSuspendSelection;
     static constexpr const char* suspendReason = "not looking while the vault is open";
