@@ -1,6 +1,8 @@
 // The tray picture: sizes, byte order and the shape's placement.
 #include "Platform/DBus/TrayIcon.h"
 
+#include "ArtKit/IconArt.h"
+
 #include <gtest/gtest.h>
 
 using namespace tavrick;
@@ -25,31 +27,30 @@ TEST(TrayIcon, EverySizeIsSquareWithFourBytesAPixel) {
     EXPECT_TRUE(std::is_sorted(TrayIcon::sizes().begin(), TrayIcon::sizes().end()));
 }
 
-TEST(TrayIcon, ShapeSitsInTheMiddleWithClearCornersAndAlphaFirst) {
-    for (auto size : {16, 22, 48, 64}) {
+TEST(TrayIcon, IsTheMenuBarGlyphInWhiteCentredWithClearCorners) {
+    for (auto size : {18, 36}) {
         const auto pixmap = TrayIcon::draw(size);
-        // Corners are outside the ring: clear.
-        for (auto [x, y] : {std::pair{0, 0}, {size - 1, 0}, {0, size - 1}, {size - 1, size - 1}}) {
-            EXPECT_EQ(alphaAt(pixmap, x, y), 0) << size << " at " << x << "," << y;
-        }
-        // The stem of the T runs down the middle: solid where it is wider than two pixels.
-        EXPECT_GT(alphaAt(pixmap, size / 2, size / 2), 100) << size;
-        if (size >= 48) {
-            EXPECT_EQ(alphaAt(pixmap, size / 2, size / 2), 255) << size;
-        }
-        // Between the stem and the ring, on the middle row, nothing.
-        EXPECT_EQ(alphaAt(pixmap, size / 2 - size / 5, size / 2 + size / 8), 0) << size;
-        // Colour bytes follow alpha: white wherever there is ink.
-        const auto* middle = &pixmap.argb[(static_cast<std::size_t>(size / 2) * size + size / 2) * 4];
-        EXPECT_EQ(middle[1], 255);
-        EXPECT_EQ(middle[2], 255);
-        EXPECT_EQ(middle[3], 255);
-        // Left and right halves mirror each other, so the mark is not lopsided.
+        const Bitmap glyph = MenuBarGlyph::render(size / 18.0);
+        const int top = (size - glyph.height) / 2;
+        ASSERT_GT(top, 0) << "the glyph is wider than tall, so rows stay clear above and below";
+        int ink = 0;
         for (int y = 0; y < size; ++y) {
-            for (int x = 0; x < size / 2; ++x) {
-                ASSERT_NEAR(alphaAt(pixmap, x, y), alphaAt(pixmap, size - 1 - x, y), 1) << size << " at " << x << "," << y;
+            for (int x = 0; x < size; ++x) {
+                const int row = y - top;
+                const int expected = row >= 0 && row < glyph.height ? Bitmap::alpha(glyph.pixel(x, row)) : 0;
+                ASSERT_EQ(alphaAt(pixmap, x, y), expected) << size << " at " << x << "," << y;
+                if (expected == 255) {
+                    ++ink;
+                    const auto* pixel = &pixmap.argb[(static_cast<std::size_t>(y) * size + x) * 4];
+                    ASSERT_EQ(pixel[1], 255);
+                    ASSERT_EQ(pixel[2], 255);
+                    ASSERT_EQ(pixel[3], 255);
+                }
             }
         }
+        EXPECT_GT(ink, size) << "a glyph with hardly any solid pixels";
+        for (auto [x, y] : {std::pair{0, 0}, {size - 1, 0}, {0, size - 1}, {size - 1, size - 1}})
+            EXPECT_EQ(alphaAt(pixmap, x, y), 0) << size << " at " << x << "," << y;
     }
 }
 

@@ -18,9 +18,8 @@ namespace TrayIcon {
 // The sizes offered to hosts; each picks the one closest to its panel.
 const std::vector<std::int32_t>& sizes();
 
-// The program's mark at `size` pixels: a ring with a "T" inside, white on transparent so that it
-// reads on dark and light panels alike, edges smoothed by coverage. The one place the picture is
-// drawn: a richer glyph replaces this function only.
+// The menu bar glyph at `size` pixels square, white on transparent so that it reads on dark and
+// light panels alike.
 TrayPixmap draw(std::int32_t size);
 
 } // namespace TrayIcon
