@@ -10,7 +10,7 @@ namespace tavrick::NumberSum {
 namespace {
 
 constexpr std::array<std::string_view, 7> currencySymbols{"$", "£", "€", "¥", "₺", "₹", "₽"};
-constexpr std::string_view wrapping = "()[]{}\"'`«»";
+constexpr std::string_view wrapping = "()[]{}\"'`";
 constexpr std::string_view sentenceMarks = ".,;:!?";
 // A hyphen-minus, and the minus sign a word processor writes.
 constexpr std::array<std::string_view, 2> minusSigns{"-", "\xE2\x88\x92"};
