@@ -54,3 +54,33 @@ Point resultOrigin(Point point, Size size, Rect visible) {
 } // namespace SelectionPlacement
 
 } // namespace tavrick
+
+#include "CoreKit/UnicodeText.h"
+
+#include <cstdio>
+
+namespace tavrick {
+
+std::string describeSurfaces(const SelectionBarState& bar, const SelectionResultState& results) {
+    std::string text = "selection bar: ";
+    if (!bar.isVisible) {
+        text += "hidden";
+    } else {
+        for (const auto& action : bar.actions) {
+            text += "[" + barButtonLabel(action, SelectionBarLabels::text, bar.alreadyCopied) + " = " + action.id() + "] ";
+        }
+        char where[96];
+        std::snprintf(where, sizeof where, "at %.0f,%.0f (%zu characters)", bar.frame.origin.x, bar.frame.origin.y,
+                      UnicodeText::characterCount(bar.text));
+        text += where;
+    }
+    if (results.isVisible) {
+        text += "\nresult window: " + results.title + " — ";
+        if (auto* working = std::get_if<SelectionResultState::Working>(&results.state)) text += working->text;
+        if (auto* answer = std::get_if<SelectionResultState::Answer>(&results.state)) text += answer->text;
+        if (auto* failed = std::get_if<SelectionResultState::Failed>(&results.state)) text += failed->text;
+    }
+    return text;
+}
+
+} // namespace tavrick

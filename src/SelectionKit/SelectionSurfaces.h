@@ -67,3 +67,9 @@ Point resultOrigin(Point point, Size size, Rect visible);
 } // namespace SelectionPlacement
 
 } // namespace tavrick
+
+namespace tavrick {
+// One line each for the bar and the result window, as a terminal shows them: the buttons and
+// the length of the selection, never the selection itself.
+std::string describeSurfaces(const SelectionBarState& bar, const SelectionResultState& results);
+} // namespace tavrick
