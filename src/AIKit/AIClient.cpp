@@ -203,7 +203,7 @@ std::string AIClient::body(AIProvider::Family family, const std::string& model, 
 
 namespace {
 
-void addAuthentication(HTTPRequest& request, const AIProvider& provider, const std::string& key) {
+void addAuthentication(HTTPClientRequest& request, const AIProvider& provider, const std::string& key) {
     switch (provider.family()) {
     case AIProvider::Family::anthropic:
         request.headers.emplace_back("x-api-key", key);
@@ -218,9 +218,9 @@ void addAuthentication(HTTPRequest& request, const AIProvider& provider, const s
 
 } // namespace
 
-HTTPRequest AIClient::request(const AIProvider& provider, const std::string& url, const std::string& key,
+HTTPClientRequest AIClient::request(const AIProvider& provider, const std::string& url, const std::string& key,
                               std::string body) {
-    HTTPRequest request;
+    HTTPClientRequest request;
     request.method = "POST";
     request.url = url;
     request.headers.emplace_back("Content-Type", "application/json");
@@ -230,8 +230,8 @@ HTTPRequest AIClient::request(const AIProvider& provider, const std::string& url
     return request;
 }
 
-HTTPRequest AIClient::modelsRequest(const AIProvider& provider, const std::string& url, const std::string& key) {
-    HTTPRequest request;
+HTTPClientRequest AIClient::modelsRequest(const AIProvider& provider, const std::string& url, const std::string& key) {
+    HTTPClientRequest request;
     request.method = "GET";
     request.url = url;
     addAuthentication(request, provider, key);
@@ -361,7 +361,7 @@ AIResult<std::string> AIClient::ask(std::string_view instruction, std::string_vi
         request(provider_, *url, std::get<std::string>(key), body(provider_.family(), model_, maxTokens_, instruction, text)),
         cancelled);
     if (auto* failure = std::get_if<std::string>(&sent)) return AIError::transport(*failure);
-    const auto& response = std::get<HTTPResponse>(sent);
+    const auto& response = std::get<HTTPClientResponse>(sent);
     if (response.status == 200) return answer(response.body, provider_.family());
     return AIError::http(response.status, errorMessage(response.body));
 }
@@ -378,14 +378,14 @@ AIResult<std::vector<std::string>> AIClient::listModels(const CancellationFlag& 
     if (!url) return AIError::badBaseURL(baseURL_);
     auto sent = transport_.send(modelsRequest(provider_, *url, std::get<std::string>(key)), cancelled);
     if (auto* failure = std::get_if<std::string>(&sent)) return AIError::transport(*failure);
-    const auto& response = std::get<HTTPResponse>(sent);
+    const auto& response = std::get<HTTPClientResponse>(sent);
     if (response.status == 200) return models(response.body, provider_.family());
     return AIError::http(response.status, errorMessage(response.body));
 }
 
 // ---- Requests in logs ----
 
-std::string HTTPRequest::redactedDescription() const {
+std::string HTTPClientRequest::redactedDescription() const {
     std::string text = method + " " + url;
     for (const auto& [name, value] : headers) {
         std::string lower = name;

@@ -77,9 +77,9 @@ public:
     static std::optional<std::string> modelsEndpoint(const AIProvider& provider, const std::string& baseURL);
     static std::string body(AIProvider::Family family, const std::string& model, int maxTokens,
                             std::string_view instruction, std::string_view text);
-    static HTTPRequest request(const AIProvider& provider, const std::string& url, const std::string& key,
+    static HTTPClientRequest request(const AIProvider& provider, const std::string& url, const std::string& key,
                                std::string body);
-    static HTTPRequest modelsRequest(const AIProvider& provider, const std::string& url, const std::string& key);
+    static HTTPClientRequest modelsRequest(const AIProvider& provider, const std::string& url, const std::string& key);
     static AIResult<std::string> answer(std::string_view data, AIProvider::Family family);
     static std::string errorMessage(std::string_view data);
     static AIResult<std::vector<std::string>> models(std::string_view data, AIProvider::Family family);

@@ -9,7 +9,7 @@
 
 namespace tavrick {
 
-struct HTTPRequest {
+struct HTTPClientRequest {
     std::string method = "GET";
     std::string url;
     std::vector<std::pair<std::string, std::string>> headers;
@@ -21,7 +21,7 @@ struct HTTPRequest {
     std::string redactedDescription() const;
 };
 
-struct HTTPResponse {
+struct HTTPClientResponse {
     long status = 0;
     std::string body;
 };
@@ -33,10 +33,10 @@ using CancellationFlag = std::shared_ptr<std::atomic<bool>>;
 // cancellation) is the system's description of it; any status is a response.
 class HTTPTransport {
 public:
-    using Result = std::variant<HTTPResponse, std::string>;
+    using Result = std::variant<HTTPClientResponse, std::string>;
     virtual ~HTTPTransport() = default;
     // Blocks the calling thread until the exchange ends.
-    virtual Result send(const HTTPRequest& request, const CancellationFlag& cancelled) = 0;
+    virtual Result send(const HTTPClientRequest& request, const CancellationFlag& cancelled) = 0;
 };
 
 } // namespace tavrick

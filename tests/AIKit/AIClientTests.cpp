@@ -14,12 +14,12 @@ using F = AIProvider::Family;
 // Answers from a table and remembers what it was sent.
 class ScriptedTransport final : public HTTPTransport {
 public:
-    Result send(const HTTPRequest& request, const CancellationFlag&) override {
+    Result send(const HTTPClientRequest& request, const CancellationFlag&) override {
         sent.push_back(request);
         return next;
     }
-    Result next = HTTPResponse{200, R"({"choices":[{"message":{"content":" hi "}}]})"};
-    std::vector<HTTPRequest> sent;
+    Result next = HTTPClientResponse{200, R"({"choices":[{"message":{"content":" hi "}}]})"};
+    std::vector<HTTPClientRequest> sent;
 };
 
 TEST(AIClientTest, EndpointsPerFamilyWithOrWithoutATrailingSlash) {
@@ -176,22 +176,22 @@ TEST(AIClientTest, AskChecksKeyAndBaseBeforeSendingAndMapsStatuses) {
     AIClient anthropic(P::anthropic, "", "ignored", 1024, transport, keychain);
     EXPECT_EQ(anthropic.model(), "claude-opus-5");
     EXPECT_EQ(anthropic.baseURL(), "https://api.anthropic.com");
-    transport.next = HTTPResponse{200, R"({"content":[{"type":"text","text":"OK"}]})"};
+    transport.next = HTTPClientResponse{200, R"({"content":[{"type":"text","text":"OK"}]})"};
     EXPECT_EQ(std::get<std::string>(anthropic.testConnection()), "OK");
     EXPECT_EQ(transport.sent.back().url, "https://api.anthropic.com/v1/messages");
     EXPECT_NE(transport.sent.back().body.find("Reply with the single word OK."), std::string::npos);
 
     AIClient custom(P::custom, "local", " http://127.0.0.1:9/v1/ ", 1024, transport, keychain);
-    transport.next = HTTPResponse{401, R"({"error":{"message":"bad key k-custom"}})"};
+    transport.next = HTTPClientResponse{401, R"({"error":{"message":"bad key k-custom"}})"};
     auto rejected = std::get<AIError>(custom.ask("I", "T"));
     EXPECT_EQ(rejected.description(), "The key was rejected (401). Check it in Settings › Selection.");
-    transport.next = HTTPResponse{500, R"({"error":{"message":"boom"}})"};
+    transport.next = HTTPClientResponse{500, R"({"error":{"message":"boom"}})"};
     EXPECT_EQ(std::get<AIError>(custom.ask("I", "T")).description(), "The API returned 500: boom");
     transport.next = std::string("Connection refused");
     EXPECT_EQ(std::get<AIError>(custom.ask("I", "T")).description(), "Connection refused");
     EXPECT_EQ(transport.sent.back().url, "http://127.0.0.1:9/v1/chat/completions");
 
-    transport.next = HTTPResponse{200, R"({"data":[{"id":"b"},{"id":"a"},{"x":1}]})"};
+    transport.next = HTTPClientResponse{200, R"({"data":[{"id":"b"},{"id":"a"},{"x":1}]})"};
     EXPECT_EQ(std::get<std::vector<std::string>>(custom.listModels()), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(transport.sent.back().method, "GET");
 

@@ -40,7 +40,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
 TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
     TempDir root;
     const std::vector<std::vector<std::string>> commands = {
-        {"--diagnose"}, {"--render-icons", "/tmp/x"}, {"--probe-selection", "2.5"},
+        {"--diagnose"}, {"--render-icons", "/tmp/x"},
     };
     for (const auto& command : commands) {
         std::vector<std::string> arguments{binary};
@@ -49,12 +49,6 @@ TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
         EXPECT_EQ(result.status, 2) << command[0];
         EXPECT_EQ(result.output, command[0] + " is not available in this build yet.\n");
     }
-    // A malformed optional argument takes its default, and the log says so.
-    auto result = runProcess({binary, "--probe-selection", "abc"}, isolatedEnvironment(root.path()));
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.output,
-              "tavrick[core] notice: --probe-selection: “abc” is not a number of seconds; using 5\n"
-              "--probe-selection is not available in this build yet.\n");
 }
 
 TEST(EndToEnd, MouseRecorderSelfTestEndsWithItsTick) {

@@ -45,7 +45,7 @@ CurlHTTPTransport::CurlHTTPTransport() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-HTTPTransport::Result CurlHTTPTransport::send(const HTTPRequest& request, const CancellationFlag& cancelled) {
+HTTPTransport::Result CurlHTTPTransport::send(const HTTPClientRequest& request, const CancellationFlag& cancelled) {
     std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
     if (!easy) return std::string("The request could not be prepared.");
     Exchange exchange;
@@ -91,7 +91,7 @@ HTTPTransport::Result CurlHTTPTransport::send(const HTTPRequest& request, const 
     }
     long status = 0;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
-    return HTTPResponse{status, std::move(exchange.body)};
+    return HTTPClientResponse{status, std::move(exchange.body)};
 }
 
 } // namespace tavrick

@@ -15,7 +15,7 @@ public:
     static constexpr long connectTimeoutSeconds = 15;
 
     CurlHTTPTransport();
-    Result send(const HTTPRequest& request, const CancellationFlag& cancelled) override;
+    Result send(const HTTPClientRequest& request, const CancellationFlag& cancelled) override;
 };
 
 } // namespace tavrick
