@@ -31,7 +31,6 @@ void lookCycle(benchmark::State& state) {
     element.bounds = Rect{{10, 10}, {100, 20}};
     session.setFocused(element);
     const auto actions = SelectionAction::builtIns();
-    const auto engine = SearchEngine(SearchEngine::Case::duckDuckGo);
     auto itemKind = [](const std::string&) { return std::optional<SelectionPathKind>(); };
     for (auto _ : state) {
         auto reading = SelectionReader::readSynchronously(session, SelectionReader::timeout);
@@ -43,7 +42,6 @@ void lookCycle(benchmark::State& state) {
             ++offered;
         }
         benchmark::DoNotOptimize(offered);
-        benchmark::DoNotOptimize(SelectionAction(SelectionAction::Case::search).url(text, engine));
     }
 }
 // 0: one word; 1: a sentence with a link and amounts; otherwise that many bytes of prose with numbers.
