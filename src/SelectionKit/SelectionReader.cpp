@@ -108,23 +108,26 @@ std::string SelectionReader::describe(SelectionAccessibility& accessibility, dou
 }
 
 void SelectionReader::read(std::function<void(std::optional<SelectedText>)> completion) {
-    queue_->async([this, shared = shared_, completion = std::move(completion)]() mutable {
-        auto reading = readSynchronously(accessibility_, timeout);
-        if (reading.selection) reading.selection->appName = accessibility_.frontmostApplicationName();
+    // The task holds nothing of the reader itself, which may be gone by the time a slow
+    // application answers.
+    queue_->async([accessibility = &accessibility_, scheduler = &scheduler_, shared = shared_,
+                   completion = std::move(completion)]() mutable {
+        auto reading = readSynchronously(*accessibility, timeout);
+        if (reading.selection) reading.selection->appName = accessibility->frontmostApplicationName();
         {
             std::lock_guard guard(shared->lock);
             shared->lastFailureReason = reading.failureReason;
         }
-        scheduler_.async([completion = std::move(completion), selection = std::move(reading.selection)]() mutable {
+        scheduler->async([completion = std::move(completion), selection = std::move(reading.selection)]() mutable {
             completion(std::move(selection));
         });
     });
 }
 
 void SelectionReader::describeSelectionSupport(std::function<void(std::string)> completion) {
-    queue_->async([this, completion = std::move(completion)]() mutable {
-        auto text = describe(accessibility_, timeout);
-        scheduler_.async([completion = std::move(completion), text = std::move(text)]() mutable { completion(text); });
+    queue_->async([accessibility = &accessibility_, scheduler = &scheduler_, completion = std::move(completion)]() mutable {
+        auto text = describe(*accessibility, timeout);
+        scheduler->async([completion = std::move(completion), text = std::move(text)]() mutable { completion(text); });
     });
 }
 
