@@ -35,9 +35,9 @@ struct AppSettings::Values {
     std::string aiBaseURL;
     std::string translateInto;
     std::vector<MenuBarItem> menuBarItems;
-    std::optional<PreferenceValue> storedSelectionActions;
-    std::optional<PreferenceValue> storedSelectionAppearance;
-    std::optional<PreferenceValue> storedSearchEngine;
+    SelectionActionList selectionActionStore;
+    SelectionAppearance selectionAppearance;
+    SearchEngine searchEngine;
     std::int64_t selectionActionsGeneration;
 };
 
@@ -144,6 +144,25 @@ std::vector<MenuBarItem> readMenuBarItems(const PreferenceStore& defaults, const
     return MenuBarLayout::defaultLayout();
 }
 
+// A JSON-data setting: the bytes decoded by `decode`, or the default when absent or unreadable.
+template <class T>
+T readJSONData(const PreferenceStore& defaults, const char* key, const T& fallback,
+               const std::function<T(std::string_view)>& decode) {
+    auto value = defaults.object(key);
+    if (!value) return fallback;
+    if (auto bytes = value->asData()) {
+        try {
+            return decode(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+        } catch (const std::exception& error) {
+            Log::core.notice("The stored %s (%zu bytes) could not be read (%s); using its default", key, bytes->size(),
+                             error.what());
+            return fallback;
+        }
+    }
+    reportIgnored(key, *value, "data");
+    return fallback;
+}
+
 PreferenceValue encodeStrings(const std::vector<std::string>& texts) {
     PreferenceValue::Array array;
     array.reserve(texts.size());
@@ -169,7 +188,43 @@ PreferenceValue encodeString(const std::string& value) { return value; }
 
 } // namespace
 
-AppSettings::Values AppSettings::read(PreferenceStore& defaults) {
+SelectionActionList AppSettings::migrateSelectionActions(PreferenceStore& defaults, DiagnosticLog& log,
+                                                         std::int64_t& generation) {
+    generation = defaults.integer(Key::selectionActionsGeneration).value_or(0);
+    SelectionActionList list(SelectionAction::defaults());
+    bool readable = true;
+    bool stored = false;
+    if (auto value = defaults.object(Key::selectionActions)) {
+        stored = true;
+        const auto* bytes = value->asData();
+        std::optional<SelectionActionList> decoded;
+        if (bytes) decoded = SelectionActionList::decode(std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size()));
+        if (decoded) {
+            list = std::move(*decoded);
+            list.actions = SelectionAction::addingBuiltIns(std::move(list.actions), generation);
+        } else {
+            // The built-in list stands in, and the stored bytes stay as they are for a build that
+            // can read them.
+            readable = false;
+            Log::core.notice("The stored selection buttons could not be read; showing the built-in list");
+        }
+    }
+    if (!list.unknown.empty()) {
+        Log::core.notice("Kept %ld selection buttons this build cannot read", static_cast<long>(list.unknownCount()));
+        log.note("selection", "kept " + std::to_string(list.unknownCount()) +
+                                  " buttons this build cannot read; they are saved back unchanged");
+    }
+    if (generation < SelectionAction::currentGeneration && readable) {
+        if (stored) {
+            if (auto bytes = list.encoded()) defaults.set(Key::selectionActions, PreferenceValue::data(*bytes));
+        }
+        defaults.set(Key::selectionActionsGeneration, SelectionAction::currentGeneration);
+        generation = SelectionAction::currentGeneration;
+    }
+    return list;
+}
+
+AppSettings::Values AppSettings::read(PreferenceStore& defaults, DiagnosticLog& log) {
     // Removed whether or not anything else changes; checked first so that a domain without it
     // sees no write at all.
     if (defaults.object(Key::fanBoostLevel)) {
@@ -177,7 +232,7 @@ AppSettings::Values AppSettings::read(PreferenceStore& defaults) {
         Log::core.info("Removed the setting %s of an earlier build", Key::fanBoostLevel);
     }
 
-    return Values{
+    Values values{
         .menuBarIconStyle = readEnum(defaults, Key::menuBarIconStyle, MenuBarIconStyle::gestures),
         .menuBarReadout = readEnum(defaults, Key::menuBarReadout, MenuBarReadout::off),
         .isClipboardEnabled = readBool(defaults, Key::clipboardEnabled, true),
@@ -206,11 +261,17 @@ AppSettings::Values AppSettings::read(PreferenceStore& defaults) {
         .aiBaseURL = readString(defaults, Key::aiBaseURL, ""),
         .translateInto = readString(defaults, Key::translateInto, "English"),
         .menuBarItems = readMenuBarItems(defaults, Key::menuBarItems),
-        .storedSelectionActions = defaults.object(Key::selectionActions),
-        .storedSelectionAppearance = defaults.object(Key::selectionAppearance),
-        .storedSearchEngine = defaults.object(Key::searchEngine),
-        .selectionActionsGeneration = defaults.integer(Key::selectionActionsGeneration).value_or(0),
+        .selectionActionStore = {},
+        .selectionAppearance = readJSONData<SelectionAppearance>(
+            defaults, Key::selectionAppearance, SelectionAppearance{},
+            [](std::string_view bytes) { return SelectionAppearance::decode(bytes); }),
+        .searchEngine = readJSONData<SearchEngine>(
+            defaults, Key::searchEngine, SearchEngine{},
+            [](std::string_view bytes) { return SearchEngine::fromJSON(JSONValue::parse(bytes)); }),
+        .selectionActionsGeneration = 0,
     };
+    values.selectionActionStore = migrateSelectionActions(defaults, log, values.selectionActionsGeneration);
+    return values;
 }
 
 template <class T>
@@ -222,7 +283,8 @@ std::function<void(const T&)> AppSettings::storing(const char* key,
     };
 }
 
-AppSettings::AppSettings(PreferenceStore& defaults, DiagnosticLog& log) : AppSettings(defaults, log, read(defaults)) {}
+AppSettings::AppSettings(PreferenceStore& defaults, DiagnosticLog& log)
+    : AppSettings(defaults, log, read(defaults, log)) {}
 
 AppSettings::AppSettings(PreferenceStore& defaults, DiagnosticLog& log, Values values)
     : defaults_(defaults),
@@ -263,9 +325,18 @@ AppSettings::AppSettings(PreferenceStore& defaults, DiagnosticLog& log, Values v
       translateInto(std::move(values.translateInto), storing<std::string>(Key::translateInto, encodeString)),
       menuBarItems(std::move(values.menuBarItems),
                    [this](const std::vector<MenuBarItem>& items) { storeMenuBarItems(items); }),
-      storedSelectionActions(std::move(values.storedSelectionActions)),
-      storedSelectionAppearance(std::move(values.storedSelectionAppearance)),
-      storedSearchEngine(std::move(values.storedSearchEngine)),
+      selectionActionStore(std::move(values.selectionActionStore),
+                           [this](const SelectionActionList& list) { storeSelectionActions(list); }),
+      selectionAppearance(values.selectionAppearance,
+                          storing<SelectionAppearance>(Key::selectionAppearance,
+                                                       [](const SelectionAppearance& appearance) {
+                                                           return PreferenceValue::data(appearance.encoded());
+                                                       })),
+      searchEngine(std::move(values.searchEngine),
+                   storing<SearchEngine>(Key::searchEngine,
+                                         [](const SearchEngine& engine) {
+                                             return PreferenceValue::data(engine.toJSON().dump());
+                                         })),
       selectionActionsGeneration(values.selectionActionsGeneration) {}
 
 void AppSettings::storeMenuBarItems(const std::vector<MenuBarItem>& items) {
@@ -285,6 +356,16 @@ void AppSettings::storeMenuBarItems(const std::vector<MenuBarItem>& items) {
     log_.note("menu", "layout saved — " + describe(items));
 }
 
+void AppSettings::storeSelectionActions(const SelectionActionList& list) {
+    if (isReloading_) return;
+    auto bytes = list.encoded();
+    if (!bytes) {
+        log_.note("selection", "could not save the buttons");
+        return;
+    }
+    defaults_.set(Key::selectionActions, PreferenceValue::data(*bytes));
+}
+
 void AppSettings::reload() {
     // Cleared again however the assignments end, so a throwing observer cannot leave the
     // settings unable to store.
@@ -294,7 +375,7 @@ void AppSettings::reload() {
         ~Reloading() { flag = false; }
     } reloading(isReloading_);
 
-    Values values = read(defaults_);
+    Values values = read(defaults_, log_);
     menuBarIconStyle.set(values.menuBarIconStyle);
     menuBarReadout.set(values.menuBarReadout);
     isClipboardEnabled.set(values.isClipboardEnabled);
@@ -322,9 +403,9 @@ void AppSettings::reload() {
     aiBaseURL.set(std::move(values.aiBaseURL));
     translateInto.set(std::move(values.translateInto));
     menuBarItems.set(std::move(values.menuBarItems));
-    storedSelectionActions.value_.set(std::move(values.storedSelectionActions));
-    storedSelectionAppearance.value_.set(std::move(values.storedSelectionAppearance));
-    storedSearchEngine.value_.set(std::move(values.storedSearchEngine));
+    selectionActionStore.set(std::move(values.selectionActionStore));
+    selectionAppearance.set(values.selectionAppearance);
+    searchEngine.set(std::move(values.searchEngine));
     selectionActionsGeneration.value_.set(values.selectionActionsGeneration);
 }
 

@@ -3,6 +3,7 @@
 #include "CoreKit/MenuBarLayout.h"
 #include "CoreKit/Observable.h"
 #include "CoreKit/PreferenceStore.h"
+#include "CoreKit/SelectionModel.h"
 #include "CoreKit/SettingsTypes.h"
 
 #include <array>
@@ -172,12 +173,14 @@ public:
     Setting<std::string> translateInto;
     Setting<std::vector<MenuBarItem>> menuBarItems;
 
-    // The selection buttons, their appearance and the search engine are read as they are stored
-    // and never written back by this build, so whatever a user or a newer build saved there
-    // survives untouched. Absent when nothing is stored.
-    StoredValue<std::optional<PreferenceValue>> storedSelectionActions;
-    StoredValue<std::optional<PreferenceValue>> storedSelectionAppearance;
-    StoredValue<std::optional<PreferenceValue>> storedSearchEngine;
+    // The selection bar's buttons with the entries this build cannot read, which are written back
+    // unchanged whenever the list is stored. An unreadable stored list reads as the built-in list
+    // and stays on disk until the user edits the buttons.
+    Setting<SelectionActionList> selectionActionStore;
+    const std::vector<SelectionAction>& selectionActions() const { return selectionActionStore.get().actions; }
+    // Undecodable stored values read as the defaults and are left as they are until set.
+    Setting<SelectionAppearance> selectionAppearance;
+    Setting<SearchEngine> searchEngine;
     // The generation of built-in selection buttons the stored list has seen; 0 when absent.
     StoredValue<std::int64_t> selectionActionsGeneration;
 
@@ -195,11 +198,14 @@ public:
 private:
     struct Values;
     AppSettings(PreferenceStore& defaults, DiagnosticLog& log, Values values);
-    static Values read(PreferenceStore& defaults);
+    static Values read(PreferenceStore& defaults, DiagnosticLog& log);
+    static SelectionActionList migrateSelectionActions(PreferenceStore& defaults, DiagnosticLog& log,
+                                                       std::int64_t& generation);
 
     template <class T>
     std::function<void(const T&)> storing(const char* key, std::function<PreferenceValue(const T&)> encode);
     void storeMenuBarItems(const std::vector<MenuBarItem>& items);
+    void storeSelectionActions(const SelectionActionList& list);
 };
 
 } // namespace tavrick

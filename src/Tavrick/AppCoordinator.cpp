@@ -1,5 +1,10 @@
 #include "Tavrick/AppCoordinator.h"
 
+#include "AIKit/AIClient.h"
+#include "CoreKit/UnicodeText.h"
+#include "Platform/Linux/CurlHTTPTransport.h"
+#include "Platform/Simulated/SimulatedSelection.h"
+
 #include "CoreKit/AppInfo.h"
 #include "CoreKit/Log.h"
 #include "CoreKit/Toast.h"
@@ -36,6 +41,8 @@ AppEnvironment withStandIns(AppEnvironment environment) {
     if (!environment.authenticator) environment.authenticator = std::make_shared<LinuxAuthenticator>();
     if (!environment.powerAssertions) environment.powerAssertions = std::make_shared<InMemoryPowerAssertions>();
     if (!environment.processes) environment.processes = std::make_shared<LinuxProcessWatcher>();
+    if (!environment.selectionAccessibility) environment.selectionAccessibility = std::make_shared<SimulatedSelection>();
+    if (!environment.http) environment.http = std::make_shared<CurlHTTPTransport>();
     return environment;
 }
 
@@ -132,6 +139,10 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
               .isAccessibilityTrusted = env_.permissionSource.isAccessibilityTrusted,
           },
           *windows_)),
+      selection_(std::make_unique<SelectionController>(
+          *settings_, env_.log, env_.scheduler,
+          SelectionController::Ports{*env_.selectionAccessibility, env_.events, *env_.pasteboard, env_.launcher,
+                                     env_.home.string(), env_.mouseLocation, nullptr, nullptr})),
       fanControl_(makeFanController(env_)),
       clipboard_(std::make_unique<ClipboardMonitor>(clipboardPolicy(*settings_), settings_->isClipboardEnabled.get(),
                                                     env_.supportDirectory, *env_.pasteboard, env_.scheduler, env_.log)),
@@ -184,6 +195,9 @@ AppCoordinator::AppCoordinator(AppEnvironment environment)
 
 AppCoordinator::~AppCoordinator() {
     launchAnnouncement_.cancel();
+    vaultSuspendsSelection_ = {};
+    selection_->hide();
+    selection_->watcher().stop();
     everydayObservations_.clear();
     flows_->onAlert = nullptr;
     // The helper hands the fans back by itself once this, its client, is gone.
@@ -363,6 +377,9 @@ void AppCoordinator::start() {
     // 12.
     startEngines();
 
+    // 13. The selection bar follows its mode from here on: watching in automatic mode only.
+    selection_->observeSettings();
+
     // 14. The lid watcher.
     startLid();
 
@@ -476,6 +493,7 @@ void AppCoordinator::installEverydayClosures() {
             self->env_.log.note("window", "asked to open Settings before the menu bar was ready");
         }
     };
+    installSelectionClosures();
     actions_->onShowNotepad = [weak] {
         if (auto self = weak.lock()) self->showNotepad();
     };
@@ -579,6 +597,38 @@ void AppCoordinator::pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning
         pomodoroHoldsAwake_ = false;
         awake_->stop();
     }
+}
+
+void AppCoordinator::installSelectionClosures() {
+    std::weak_ptr<AppCoordinator> weak = weak_from_this();
+    actions_->onShowSelectionBar = [weak] {
+        auto self = weak.lock();
+        if (self && self->settings_->selectionMode.get() != SelectionMode::off) self->selection_->present("asked for");
+    };
+    selection_->onSendToNotepad = [weak](const std::string& text) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->notepad_->append(text);
+        Toast::shared().show("Added to the note", Toast::Kind::done,
+                             std::to_string(UnicodeText::words(text).size()) + " words");
+    };
+    // Runs off the main thread with what the controller read from the settings; the key is read
+    // from the keychain there and goes nowhere but the request's header.
+    // Both outlive a question still in flight when the coordinator goes.
+    std::shared_ptr<HTTPTransport> http = env_.http;
+    Keychain keychain = keychain_;
+    selection_->onAskModel = [http, keychain](const ModelQuestion& question,
+                                              const std::shared_ptr<std::atomic<bool>>& cancelled) {
+        auto provider = AIProvider::fromRaw(question.provider).value_or(AIProvider::Case::anthropic);
+        AIClient client(provider, question.model, question.baseURL, question.maxTokens, *http, keychain);
+        auto result = client.ask(question.instruction, question.text, cancelled);
+        if (auto* answer = std::get_if<std::string>(&result)) return ModelReply{true, *answer};
+        return ModelReply{false, std::get<AIError>(result).description()};
+    };
+    // Secrets shown by an open vault must not be read, copied or sent.
+    vaultSuspendsSelection_ = vault_->isUnlocked.observe([weak](bool unlocked) {
+        if (auto self = weak.lock()) self->selection_->setSuspended(unlocked);
+    });
 }
 
 void AppCoordinator::showNotepad() {

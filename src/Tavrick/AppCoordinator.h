@@ -52,6 +52,10 @@
 #include <string>
 #include <vector>
 
+#include "AIKit/HTTPTransport.h"
+#include "SelectionKit/SelectionAccessibility.h"
+#include "SelectionKit/SelectionController.h"
+
 namespace tavrick {
 
 // What fan control stands on: the helper's installer and client, this copy's bundle, the
@@ -123,6 +127,11 @@ struct AppEnvironment {
     // Every application running in the session, for the menu's app-bound keep-awake; unset
     // means none known.
     std::function<std::vector<RunningApplication>()> listApplications = {};
+    // The focused element's selection, the mouse, and the HTTPS client of the model answers;
+    // unset means the simulated element, the origin and libcurl.
+    std::shared_ptr<SelectionAccessibility> selectionAccessibility = nullptr;
+    std::function<Point()> mouseLocation = {};
+    std::shared_ptr<HTTPTransport> http = nullptr;
 };
 
 // Owns every engine and service for the life of the process, starts them in a fixed order,
@@ -210,6 +219,7 @@ public:
     LidWatcher& lid() { return *lid_; }
     PomodoroController& pomodoro() { return *pomodoro_; }
     ClipboardMonitor& clipboard() { return *clipboard_; }
+    SelectionController& selection() { return *selection_; }
     // The keep-awake session running now was started for a Pomodoro focus phase.
     bool pomodoroHoldsAwake() const { return pomodoroHoldsAwake_; }
 
@@ -255,6 +265,7 @@ private:
     void pomodoroPhaseEnded(PomodoroPhase finished, PomodoroPhase next);
     void pomodoroRunStateChanged(PomodoroPhase phase, bool isRunning);
     void showNotepad();
+    void installSelectionClosures();
 
     AppEnvironment env_;
     // Construction order is the start-up order of the services.
@@ -281,6 +292,8 @@ private:
     std::unique_ptr<GestureEngine> gestures_;
     std::unique_ptr<ActionRunner> actions_;
     Keychain keychain_{env_.secrets};
+    std::unique_ptr<SelectionController> selection_;
+    Observation vaultSuspendsSelection_;
     std::unique_ptr<FanController> fanControl_;
     std::unique_ptr<ClipboardMonitor> clipboard_;
     std::shared_ptr<FlowMonitor> flows_;

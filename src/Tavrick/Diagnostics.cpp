@@ -12,6 +12,8 @@
 #include "CoreKit/FileIO.h"
 #include "Platform/Linux/EvdevTouchAssembler.h"
 #include "Platform/Simulated/SessionBridge.h"
+#include "Platform/Simulated/SimulatedSelection.h"
+#include "SelectionKit/SelectionReader.h"
 
 #include <atomic>
 #include <charconv>
@@ -363,6 +365,26 @@ int postStrokeAndExit(Context& context, const std::string& strokes) {
     return 0;
 }
 
+int probeSelectionAndExit(Context& context, double after) {
+    context.out << "Switch to the app and select some text. Probing in " << seconds(after) << " seconds.\n" << std::flush;
+    pump(context.scheduler, after, [] { return false; });
+    // The focused element lives in the running Tavrick's session; without one, this process's
+    // own session has nothing focused.
+    if (SessionBridge::isListening(context.sessionSocket)) {
+        auto answer = SessionBridge::exchange(context.sessionSocket, "bar probe");
+        if (auto* text = std::get_if<0>(&answer); text && text->rfind("ok\n", 0) == 0) {
+            context.out << text->substr(3);
+            return 0;
+        }
+        context.out << "✗ the running Tavrick did not describe its selection: "
+                    << (answer.index() == 1 ? std::get<1>(answer) : std::get<0>(answer)) << "\n";
+        return 1;
+    }
+    SimulatedSelection own;
+    context.out << SelectionReader::describe(own, SelectionReader::timeout) << "\n";
+    return 0;
+}
+
 int run(Context& context, const DiagnosticCommand& command) {
     switch (command.flag) {
     case DiagnosticFlag::diagnose: return runAndExit(context);
@@ -383,6 +405,7 @@ int run(Context& context, const DiagnosticCommand& command) {
     }
     case DiagnosticFlag::vaultSelfTest: return runVaultSelfTestAndExit(context);
     case DiagnosticFlag::touchIDProbe: return runTouchIDProbeAndExit(context);
+    case DiagnosticFlag::probeSelection: return probeSelectionAndExit(context, command.seconds);
     default: return notAvailableAndExit(context.out, command.flag);
     }
 }

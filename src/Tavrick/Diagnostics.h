@@ -44,6 +44,9 @@ int printLogAndExit(Context& context);
 int postKeyAndExit(Context& context, std::uint16_t keyCode, std::int64_t modifiers);
 int runTapSelfTestAndExit(Context& context);
 int runTapProbeAndExit(Context& context, double seconds);
+// Waits `after` seconds, then tells what the focused element of the running Tavrick's session
+// publishes about its selection: attribute names and lengths, never the text.
+int probeSelectionAndExit(Context& context, double after);
 int runMouseRecorderSelfTestAndExit(Context& context);
 // Sends a touchpad recording to a running Tavrick, whose simulated trackpad plays it.
 int playTouchesAndExit(Context& context, const std::filesystem::path& recording);

@@ -2,6 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
+#include <future>
+
 #include "CoreKit/AppInfo.h"
 #include "CoreKit/Appearance.h"
 #include "CoreKit/Bundle.h"
@@ -41,6 +44,8 @@
 #include "Platform/Simulated/SimulatedDesktop.h"
 #include "Platform/Simulated/SessionBridge.h"
 #include "Platform/Simulated/SimulatedPasteboard.h"
+#include "Platform/Simulated/SimulatedSelection.h"
+#include "SelectionKit/SelectionReader.h"
 #include "Platform/Simulated/SimulatedSession.h"
 #include "Platform/Simulated/SimulatedSnapPreview.h"
 #include "Platform/Simulated/SimulatedTrackpad.h"
@@ -289,6 +294,8 @@ int TavrickApp::main(int argc, char** argv) {
     } else if (x11) {
         Log::core.notice("Clipboard: simulated (%s)", x11->pasteboardWhy.c_str());
     }
+    // The focused element of the session, which `scripts/session select` fills.
+    auto selectionSource = std::make_shared<SimulatedSelection>();
     desktop.addStateSection("pasteboard", [pasteboard] { return pasteboard->stateSection(); });
     pasteboard->setOnChange([&desktop](std::int64_t, const std::vector<std::string>&) { desktop.noteStateChange(); });
     // The snap preview: a real override-redirect window on X11, otherwise recorded in the state file.
@@ -389,6 +396,7 @@ int TavrickApp::main(int argc, char** argv) {
         .selfPID = getpid(),
         .snapPreviewSurface = snapSurface,
         .listApplications = [&desktop, &x11] { return x11 ? x11->desktop->allApplications() : desktop.allApplications(); },
+        .selectionAccessibility = selectionSource,
     };
 
     if (backup) {
@@ -426,6 +434,56 @@ int TavrickApp::main(int argc, char** argv) {
                           ? "  copies   : echo -n <text> | scripts/session copy   puts a copy on this session's pasteboard\n"
                           : "  copies   : the X11 clipboard (CLIPBOARD)\n")
                   << std::flush;
+        std::cout << "  selection: echo -n <text> | scripts/session select selected|marker|range   selects it here;\n"
+                  << "             scripts/session bar press <button id>   presses a button on the bar\n"
+                  << std::flush;
+        std::weak_ptr<AppCoordinator> weakCoordinator = coordinator;
+        bridge->setSelectionHandler([&scheduler, &session, selectionSource, weakCoordinator](
+                                        const std::string& request, const std::string& text) -> std::string {
+            if (request.rfind("select ", 0) == 0) {
+                auto answer = selectionSource->handleRequest(request, text);
+                // The drag that made the selection, for the watcher of automatic mode.
+                if (answer == "ok\n") {
+                    if (auto down = session.makeMouseEvent(EventType::leftMouseDown, {100, 100}, 0)) session.post(*down);
+                    if (auto up = session.makeMouseEvent(EventType::leftMouseUp, {160, 100}, 0)) session.post(*up);
+                }
+                return answer;
+            }
+            auto reply = std::make_shared<std::promise<std::string>>();
+            auto future = reply->get_future();
+            scheduler.async([reply, request, weakCoordinator, selectionSource] {
+                auto coordinator = weakCoordinator.lock();
+                if (!coordinator) return reply->set_value("error Tavrick is stopping\n");
+                auto& selection = coordinator->selection();
+                if (request == "bar show") {
+                    // What the "Show selection bar" action does, the mode's rule included.
+                    if (coordinator->settings().selectionMode.get() == SelectionMode::off)
+                        return reply->set_value("error the selection bar is off in the settings\n");
+                    if (coordinator->actions().onShowSelectionBar) coordinator->actions().onShowSelectionBar();
+                    return reply->set_value("ok\n");
+                }
+                if (request.rfind("bar press ", 0) == 0) {
+                    auto id = request.substr(10);
+                    return reply->set_value(selection.press(id) ? "ok\n" : "error no button " + id + " on the bar\n");
+                }
+                if (request == "bar state") {
+                    return reply->set_value("ok\n" + describeSurfaces(selection.bar(), selection.results()) + "\n");
+                }
+                if (request == "bar probe") {
+                    return reply->set_value("ok\n" + SelectionReader::describe(*selectionSource, SelectionReader::timeout) +
+                                            "\n");
+                }
+                reply->set_value("error the bar takes show, press <button id>, state or probe\n");
+            });
+            if (future.wait_for(std::chrono::seconds(3)) != std::future_status::ready)
+                return "error the main queue did not answer\n";
+            return future.get();
+        });
+        coordinator->selection().onSurfacesChanged = [weakCoordinator] {
+            if (auto self = weakCoordinator.lock())
+                std::cout << "  " << describeSurfaces(self->selection().bar(), self->selection().results()) << "\n"
+                          << std::flush;
+        };
         if (auto trackpad = std::dynamic_pointer_cast<SimulatedTrackpad>(touchSource)) {
             bridge->setTouchPlayer([trackpad](const std::filesystem::path& recording) {
                 return trackpad->playRecording(recording);

@@ -50,19 +50,20 @@ protected:
 };
 
 // The fallback tables below read most defaults; these are the ones they do not reach.
-TEST_F(AppSettingsTest, AnEmptyDomainReadsTheDefaultsAndWritesNothing) {
+TEST_F(AppSettingsTest, AnEmptyDomainReadsTheDefaultsAndWritesOnlyTheButtonGeneration) {
     auto settings = make();
     EXPECT_FALSE(settings->clipboardClearOnQuit.get());
     EXPECT_FALSE(settings->isNetworkMonitorEnabled.get());
     EXPECT_FALSE(settings->serveOnNetwork.get());
     EXPECT_EQ(settings->aiBaseURL.get(), "");
     EXPECT_EQ(settings->menuBarItems.get(), MenuBarLayout::defaultLayout());
-    EXPECT_FALSE(settings->storedSelectionActions.get());
-    EXPECT_FALSE(settings->storedSelectionAppearance.get());
-    EXPECT_FALSE(settings->storedSearchEngine.get());
-    EXPECT_EQ(settings->selectionActionsGeneration.get(), 0);
-    EXPECT_EQ(defaults.writeCount(), 0u);
-    EXPECT_TRUE(defaults.allKeys().empty());
+    EXPECT_EQ(settings->selectionActions(), SelectionAction::defaults());
+    EXPECT_EQ(settings->selectionAppearance.get(), SelectionAppearance{});
+    EXPECT_EQ(settings->searchEngine.get(), SearchEngine(SearchEngine::Case::duckDuckGo));
+    EXPECT_EQ(settings->selectionActionsGeneration.get(), 1);
+    // A new user's list is the built-in one and needs no storing; only the generation it saw does.
+    EXPECT_EQ(defaults.writeCount(), 1u);
+    EXPECT_EQ(defaults.allKeys(), std::vector<std::string>{"selectionActionsGeneration"});
 }
 
 TEST(AppSettingsClampTest, IntegersAreClampedOnReadingAndWrongTypesGiveTheDefault) {
@@ -96,7 +97,8 @@ TEST(AppSettingsClampTest, IntegersAreClampedOnReadingAndWrongTypesGiveTheDefaul
     auto log = DiagnosticLog::make(directory.path(), scheduler);
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.key) + " = " + c.stored.summary());
-        InMemoryPreferenceStore defaults({{c.key, c.stored}});
+        // A domain that has already seen this build's buttons, so that only clamping is in play.
+        InMemoryPreferenceStore defaults({{c.key, c.stored}, {"selectionActionsGeneration", std::int64_t{1}}});
         AppSettings settings(defaults, *log);
         std::map<std::string, std::int64_t> read{
             {"clipboardMaximumItems", settings.clipboardMaximumItems.get()},
@@ -298,7 +300,8 @@ TEST_F(AppSettingsTest, FanBoostLevelIsGoneAfterConstructionAndNothingElseIsTouc
     EXPECT_FALSE(defaults.object("fanBoostLevel"));
     EXPECT_EQ(defaults.object("appearance"), PreferenceValue("dark"));
     EXPECT_EQ(defaults.object("lidObservations"), PreferenceValue(PreferenceValue::Array{1.5, 2.5}));
-    EXPECT_EQ(defaults.writeCount(), before + 1);
+    // The removal, and the first launch's note of the button generation.
+    EXPECT_EQ(defaults.writeCount(), before + 2);
 
     // Whatever its type.
     defaults.set("fanBoostLevel", "max");
@@ -330,7 +333,7 @@ TEST_F(AppSettingsTest, ReloadTakesOnTheDomainWithoutWritingAndTellsOnlyChangedP
     observations.push_back(settings->servePort.observe(watch("servePort")));
     observations.push_back(settings->clipboardMaximumItems.observe(watch("clipboardMaximumItems")));
     observations.push_back(settings->menuBarItems.observe(watch("menuBarItems")));
-    observations.push_back(settings->storedSelectionActions.observe(watch("selectionActions")));
+    observations.push_back(settings->selectionActionStore.observe(watch("selectionActions")));
     observations.push_back(settings->isClipboardEnabled.observe(watch("isClipboardEnabled")));
 
     auto writesBefore = defaults.writeCount();
@@ -347,8 +350,8 @@ TEST_F(AppSettingsTest, ReloadTakesOnTheDomainWithoutWritingAndTellsOnlyChangedP
     EXPECT_EQ(settings->clipboardMaximumItems.get(), 500);
     EXPECT_EQ(settings->servePort.get(), 8080);
     EXPECT_EQ(settings->menuBarItems.get().front(), (MenuBarItem{S::vault, false}));
-    EXPECT_EQ(settings->storedSelectionActions.get(),
-              PreferenceValue::data(R"([{"futureButton":{"x":1}}])"));
+    EXPECT_EQ(settings->selectionActionStore.get().unknownCount(), 1u);
+    EXPECT_TRUE(settings->selectionActions().empty());
     // The layout's note belongs to a choice the user made, not to a restore.
     EXPECT_EQ(notes().find("layout saved"), std::string::npos);
 
@@ -357,34 +360,90 @@ TEST_F(AppSettingsTest, ReloadTakesOnTheDomainWithoutWritingAndTellsOnlyChangedP
     EXPECT_EQ(defaults.object("appearance"), PreferenceValue("system"));
 }
 
-TEST_F(AppSettingsTest, SelectionValuesAreKeptWholeAndNeverWritten) {
-    // Bytes a newer build wrote, and bytes nobody can read: both must survive this build.
-    const PreferenceValue actions = PreferenceValue::data(R"([{"search":{}},{"futureButton":{"x":1}}])");
-    const PreferenceValue appearance = PreferenceValue::data("\xff\xfe not json");
-    const PreferenceValue engine = PreferenceValue::data(R"({"custom":{"template":"https://e.test/?q={text}"}})");
-    defaults.set("selectionActions", actions);
-    defaults.set("selectionAppearance", appearance);
-    defaults.set("searchEngine", engine);
-    defaults.set("menuBarItems", PreferenceValue::data("[{\"section\":"));
-    auto writesBefore = defaults.writeCount();
+TEST_F(AppSettingsTest, SelectionButtonsMigrateOnceAndKeepWhatThisBuildCannotRead) {
+    struct Case {
+        const char* name;
+        std::optional<std::string> stored;  // bytes under "selectionActions"
+        std::optional<std::int64_t> generation;
+        std::vector<std::string> ids;            // the buttons shown
+        std::size_t unknown;
+        std::optional<std::string> storedAfter;  // nothing: whatever was there is left alone
+        bool notesKept;
+    };
+    const std::vector<Case> cases{
+        {"generation 0 gains Open in Finder, the unknown entry goes to the end unchanged",
+         R"([{"copy":{}},{"futureButton":{"x":1}},{"search":{}}])", std::nullopt,
+         {"copy", "search", "revealInFinder"}, 1,
+         R"([{"copy":{}},{"search":{}},{"revealInFinder":{}},{"futureButton":{"x":1}}])", true},
+        {"a removed button stays removed once the generation is seen", R"([{"copy":{}}])", 1, {"copy"}, 0,
+         R"([{"copy":{}}])", false},
+        {"no second Open in Finder", R"([{"revealInFinder":{}},{"copy":{}}])", 0, {"revealInFinder", "copy"}, 0,
+         R"([{"revealInFinder":{}},{"copy":{}}])", false},
+        {"two keys in one entry are kept, not lost", R"([{"copy":{},"search":{}}])", 0, {"revealInFinder"}, 1,
+         R"([{"revealInFinder":{}},{"copy":{},"search":{}}])", true},
+        {"bytes that are not an array read as the defaults and stay", R"({"copy":{}})", 0,
+         {"copy", "search", "openLink", "lookUp", "sum", "revealInFinder"}, 0, std::nullopt, false},
+    };
+    for (const auto& c : cases) {
+        InMemoryPreferenceStore store;
+        if (c.stored) store.set("selectionActions", PreferenceValue::data(*c.stored));
+        if (c.generation) store.set("selectionActionsGeneration", *c.generation);
+        auto before = log->contents();
+        AppSettings settings(store, *log);
+        std::vector<std::string> ids;
+        for (const auto& action : settings.selectionActions()) ids.push_back(action.id());
+        EXPECT_EQ(ids, c.ids) << c.name;
+        EXPECT_EQ(settings.selectionActionStore.get().unknownCount(), c.unknown) << c.name;
+        if (c.storedAfter) {
+            EXPECT_EQ(store.object("selectionActions"), PreferenceValue::data(*c.storedAfter)) << c.name;
+            EXPECT_EQ(store.integer("selectionActionsGeneration"), 1) << c.name;
+        } else {
+            EXPECT_EQ(store.object("selectionActions"), PreferenceValue::data(*c.stored)) << c.name;
+            EXPECT_EQ(store.integer("selectionActionsGeneration"), c.generation) << c.name;
+        }
+        auto added = log->contents().substr(before.size());
+        EXPECT_EQ(added.find("[selection] kept 1 buttons this build cannot read; they are saved back unchanged\n") !=
+                      std::string::npos,
+                  c.notesKept)
+            << c.name << added;
+    }
+}
 
-    auto settings = make();
-    EXPECT_EQ(settings->storedSelectionActions.get(), actions);
-    EXPECT_EQ(settings->storedSelectionAppearance.get(), appearance);
-    EXPECT_EQ(settings->storedSearchEngine.get(), engine);
-    EXPECT_EQ(settings->selectionActionsGeneration.get(), 0);
-    settings->selectionMode.set(SelectionMode::automatic);
-    settings->copyOnSelect.set(true);
-    settings->reload();
+TEST_F(AppSettingsTest, AppearanceAndEngineFallBackWithoutTouchingWhatIsStored) {
+    struct Case {
+        std::string appearance;
+        std::string engine;
+        SelectionAppearance expectedAppearance;
+        SearchEngine expectedEngine;
+    };
+    const std::vector<Case> cases{
+        {R"({"size":"large","labels":"both","isBold":true})", R"({"custom":{"template":"https://e.test/?q={text}"}})",
+         {SelectionBarSize::large, SelectionBarLabels::both, true}, SearchEngine::custom("https://e.test/?q={text}")},
+        {"\xff\xfe not json", R"({"kagi":{}})", {}, SearchEngine::Case::kagi},
+        // A missing key, an unknown size, an engine this build does not know, two keys.
+        {R"({"size":"large","labels":"both"})", R"({"yandex":{}})", {}, {}},
+        {R"({"size":"huge","labels":"icon","isBold":false})", R"({"google":{},"bing":{}})", {}, {}},
+    };
+    for (const auto& c : cases) {
+        InMemoryPreferenceStore store;
+        store.set("selectionAppearance", PreferenceValue::data(c.appearance));
+        store.set("searchEngine", PreferenceValue::data(c.engine));
+        AppSettings settings(store, *log);
+        EXPECT_EQ(settings.selectionAppearance.get(), c.expectedAppearance) << c.appearance;
+        EXPECT_EQ(settings.searchEngine.get(), c.expectedEngine) << c.engine;
+        EXPECT_EQ(store.object("selectionAppearance"), PreferenceValue::data(c.appearance));
+        EXPECT_EQ(store.object("searchEngine"), PreferenceValue::data(c.engine));
+    }
+
+    // A choice is stored in the form it is read back from.
+    AppSettings settings(defaults, *log);
+    settings.searchEngine.set(SearchEngine::Case::wikipedia);
+    settings.selectionAppearance.set({SelectionBarSize::small, SelectionBarLabels::text, false});
+    settings.selectionActionStore.set(settings.selectionActionStore.get().replacingActions({SelectionAction::Case::sum}));
     AppSettings second(defaults, *log);
-
-    EXPECT_EQ(defaults.object("selectionActions"), actions);
-    EXPECT_EQ(defaults.object("selectionAppearance"), appearance);
-    EXPECT_EQ(defaults.object("searchEngine"), engine);
-    EXPECT_FALSE(defaults.object("selectionActionsGeneration"));
-    // The unreadable layout stays on disk until the user arranges the menu.
-    EXPECT_EQ(defaults.object("menuBarItems"), PreferenceValue::data("[{\"section\":"));
-    EXPECT_EQ(defaults.writeCount(), writesBefore + 2);
+    EXPECT_EQ(second.searchEngine.get(), SearchEngine(SearchEngine::Case::wikipedia));
+    EXPECT_EQ(second.selectionAppearance.get().labels, SelectionBarLabels::text);
+    EXPECT_EQ(second.selectionActions(), std::vector<SelectionAction>{SelectionAction::Case::sum});
 }
 
 TEST(AppSettingsDescribeTest, DescribeNamesHiddenSectionsInLayoutOrder) {

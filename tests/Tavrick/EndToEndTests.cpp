@@ -143,26 +143,6 @@ TEST(EndToEnd, IconsAreWrittenAsPicturesAndAFolderThatCannotBeMadeIsSaid) {
     EXPECT_EQ(readFile(root / "plain"), "not a folder");
 }
 
-TEST(EndToEnd, FlagsThisBuildDoesNotHaveSayItAndExitWithTwo) {
-    TempDir root;
-    const std::vector<std::vector<std::string>> commands = {
-        {"--probe-selection", "2.5"},
-    };
-    for (const auto& command : commands) {
-        std::vector<std::string> arguments{binary};
-        arguments.insert(arguments.end(), command.begin(), command.end());
-        auto result = runProcess(arguments, isolatedEnvironment(root.path()));
-        EXPECT_EQ(result.status, 2) << command[0];
-        EXPECT_EQ(result.output, command[0] + " is not available in this build yet.\n");
-    }
-    // A malformed optional argument takes its default, and the log says so.
-    auto result = runProcess({binary, "--probe-selection", "abc"}, isolatedEnvironment(root.path()));
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.output,
-              "tavrick[core] notice: --probe-selection: “abc” is not a number of seconds; using 5\n"
-              "--probe-selection is not available in this build yet.\n");
-}
-
 TEST(EndToEnd, MouseRecorderSelfTestEndsWithItsTick) {
     TempDir root;
     auto result = runProcess({binary, "--mouse-recorder-selftest"}, isolatedEnvironment(root.path()));

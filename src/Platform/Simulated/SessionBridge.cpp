@@ -325,6 +325,19 @@ void SessionBridge::serve() {
                 auto text = readToEnd(client, maximumCopyBytes, 2000);
                 writeAll(client, text ? handleCopy(pasteboard_, *line, std::move(*text))
                                       : "error the copy was too large or did not end\n");
+            } else if (line->rfind("select ", 0) == 0 || line->rfind("bar ", 0) == 0) {
+                std::optional<std::string> text = std::string();
+                if (line->rfind("select ", 0) == 0) text = readToEnd(client, maximumCopyBytes, 2000);
+                SelectionHandler handler;
+                {
+                    std::lock_guard guard(playerLock_);
+                    handler = selectionHandler_;
+                }
+                if (!text) {
+                    writeAll(client, "error the selection was too large or did not end\n");
+                } else {
+                    writeAll(client, handler ? handler(*line, *text) : "error this Tavrick has no selection bar\n");
+                }
             } else if (line->rfind("touches ", 0) == 0) {
                 TouchPlayer player;
                 {
@@ -338,6 +351,26 @@ void SessionBridge::serve() {
         }
         close(client);
     }
+}
+
+void SessionBridge::setSelectionHandler(SelectionHandler handler) {
+    std::lock_guard guard(playerLock_);
+    selectionHandler_ = std::move(handler);
+}
+
+std::variant<std::string, std::string> SessionBridge::exchange(const std::filesystem::path& socketPath,
+                                                               const std::string& request,
+                                                               const std::optional<std::string>& text) {
+    int fd = connectTo(socketPath);
+    if (fd < 0) return std::variant<std::string, std::string>(std::in_place_index<1>, "no Tavrick is listening");
+    std::variant<std::string, std::string> result(std::in_place_index<1>, "the running Tavrick did not answer");
+    bool sent = writeAll(fd, request + "\n") && (!text || writeAll(fd, *text));
+    if (sent && text) shutdown(fd, SHUT_WR);
+    if (sent) {
+        if (auto answer = readToEnd(fd, maximumCopyBytes, 5000)) result.emplace<0>(std::move(*answer));
+    }
+    close(fd);
+    return result;
 }
 
 void SessionBridge::setTouchPlayer(TouchPlayer player) {

@@ -36,6 +36,12 @@ namespace tavrick {
 //                                                 client's half of the connection: the text (when there
 //                                                 is any) and the extra types go on the pasteboard as
 //                                                 one change
+//   select <route> [x y w h]                      followed by the selected text up to the end of the
+//                                                 client's half: what the focused element publishes
+//                                                 (route: selected, marker, range, none, refusing,
+//                                                 unfocused), then a mouse drag over it
+//   bar <show|press <button id>|state|probe>      the selection bar: look now, press a button, or
+//                                                 describe it; answered with "ok" and lines after it
 // Permission, activate and drag need the simulated desktop, copy the simulated pasteboard.
 class SessionBridge {
 public:
@@ -89,6 +95,15 @@ public:
                                                const std::vector<std::string>& types = {});
     static std::string handleCopy(SimulatedPasteboard* pasteboard, const std::string& request, std::string text);
 
+    // Answers "select" (with the text that followed the line) and "bar" requests; without it they
+    // are refused. Set before requests arrive.
+    using SelectionHandler = std::function<std::string(const std::string& request, const std::string& text)>;
+    void setSelectionHandler(SelectionHandler handler);
+    // Sends one request and, for "select", the text after it; the whole answer, or why there is none.
+    static std::variant<std::string, std::string> exchange(const std::filesystem::path& socketPath,
+                                                           const std::string& request,
+                                                           const std::optional<std::string>& text = std::nullopt);
+
     // Whether a live process listens at `socketPath`: a running copy of Tavrick.
     static bool isListening(const std::filesystem::path& socketPath);
 
@@ -112,6 +127,7 @@ private:
     std::thread thread_;
     std::mutex playerLock_;
     TouchPlayer touchPlayer_;
+    SelectionHandler selectionHandler_;
 };
 
 } // namespace tavrick
