@@ -100,10 +100,6 @@ struct Builder {
     }
 };
 
-std::string stored(const std::optional<PreferenceValue>& value) {
-    return value ? "stored, kept as it is" : "the built-in default";
-}
-
 void layoutEditor(AppCoordinator& c, std::vector<MenuEntry>& into, Commands& commands) {
     auto& setting = c.settings().menuBarItems;
     auto editor = line("settings.menuBarItems", Kind::submenu, "Reorder Sections");
@@ -218,11 +214,15 @@ void build(AppCoordinator& c, std::vector<MenuEntry>& into, Commands& commands, 
             s.networkLearningStartedAt.get() == 0 ? "not yet" : "at " + std::to_string(static_cast<std::int64_t>(s.networkLearningStartedAt.get())));
     b.choice<SelectionMode>(AppSettings::Key::selectionMode, "Selection Bar", s.selectionMode);
     b.toggle(AppSettings::Key::copyOnSelect, "Copy on Select", s.copyOnSelect);
-    b.shown(AppSettings::Key::selectionActions, "Selection Buttons", stored(s.storedSelectionActions.get()));
+    std::string buttons;
+    for (const auto& action : s.selectionActions()) buttons += (buttons.empty() ? "" : ", ") + action.title();
+    b.shown(AppSettings::Key::selectionActions, "Selection Buttons", buttons.empty() ? "none" : buttons);
     b.shown(AppSettings::Key::selectionActionsGeneration, "Selection Buttons Generation",
             std::to_string(s.selectionActionsGeneration.get()));
-    b.shown(AppSettings::Key::selectionAppearance, "Selection Bar Look", stored(s.storedSelectionAppearance.get()));
-    b.shown(AppSettings::Key::searchEngine, "Search Engine", stored(s.storedSearchEngine.get()));
+    const auto look = s.selectionAppearance.get();
+    b.shown(AppSettings::Key::selectionAppearance, "Selection Bar Look",
+            std::string(displayName(look.size)) + ", " + std::string(displayName(look.labels)) + (look.isBold ? ", bold" : ""));
+    b.shown(AppSettings::Key::searchEngine, "Search Engine", std::string(s.searchEngine.get().displayName()));
     b.choice<NotepadPresentation>(AppSettings::Key::notepadPresentation, "Notepad Shows As", s.notepadPresentation);
     b.number(AppSettings::Key::vaultLockSeconds, "Vault Locks After (seconds)", s.vaultLockSeconds, 0, 86400, false);
     b.number(AppSettings::Key::vaultClipboardSeconds, "Vault Copies Cleared After (seconds)", s.vaultClipboardSeconds, 0,

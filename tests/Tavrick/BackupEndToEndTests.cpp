@@ -132,6 +132,8 @@ TEST(BackupEndToEnd, WrittenInOneHomeRestoredIntoAnotherOnlyWithBothPassphrases)
     b.set("com.orvell.tavrick", "appearance", "light");
     b.set("com.orvell.tavrick", "aiBaseURL", "https://b.example/v1");
     b.makeVault("vault of B!", {"B entry"});
+    // A home this build has run in: its settings have had their one-time migration.
+    b.set("com.orvell.tavrick", "selectionActionsGeneration", std::int64_t{1});
     const std::string untouched = b.files();
 
     auto wrongFile = b.run("not the passphrase\\nvault of B!\\n", "--import-backup", backup);
@@ -168,6 +170,7 @@ TEST(BackupEndToEnd, WrittenInOneHomeRestoredIntoAnotherOnlyWithBothPassphrases)
 TEST(BackupEndToEnd, BadFilesAreRefusedInTheirOwnWords) {
     Home b;
     b.writeMappings({{"Only in B", 7}});
+    b.set("com.orvell.tavrick", "selectionActionsGeneration", std::int64_t{1});
     const std::string untouched = b.files();
     struct Case {
         const char* name;

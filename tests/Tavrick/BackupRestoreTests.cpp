@@ -419,7 +419,7 @@ TEST(BackupSheets, ExportThenImportIntoAnotherHome) {
     BackupExportModel exporter(*from.target, fileRounds);
     exporter.passphrase = exporter.passphraseRepeat = passphrase;
     EXPECT_EQ(exporter.captions(),
-              (std::vector<std::string>{"3 settings", "1 binding", "2 tweaks", "the note", "1 vault entry and 1 AI key"}));
+              (std::vector<std::string>{"4 settings", "1 binding", "2 tweaks", "the note", "1 vault entry and 1 AI key"}));
     const auto file = from.root / "backup.json";
     writeFile(file, "an older file");
     ::chmod(file.c_str(), 0644);
@@ -447,7 +447,7 @@ TEST(BackupSheets, ExportThenImportIntoAnotherHome) {
     to.scheduler.runUntilIdle();
     to.scheduler.advance(2.0);
     ASSERT_TRUE(outcome.has_value());
-    EXPECT_EQ(outcome->text(), "3 settings, 1 binding, the note, 1 vault entries, 1 AI key, 2 tweaks");
+    EXPECT_EQ(outcome->text(), "4 settings, 1 binding, the note, 1 vault entries, 1 AI key, 2 tweaks");
     EXPECT_EQ(to.keychain.get("api-key-gemini"), "sk-travel");
     EXPECT_EQ(to.settings->translateInto.get(), "Basque");
     EXPECT_EQ(to.notepad->text().get(), "travelling note");

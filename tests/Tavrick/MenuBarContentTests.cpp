@@ -380,3 +380,43 @@ TEST_F(MenuTest, FansWithoutFanControlSayUnavailableAndUnknownIDsAreIgnored) {
 }
 
 } // namespace
+
+TEST_F(MenuTest, TheVaultSectionCreatesAddsCopiesAndLocksThroughThePanel) {
+    EXPECT_EQ(title("vault.status"), "No vault on this Mac yet");
+    // A short passphrase or two that differ never reach the vault.
+    EXPECT_FALSE(menu().submit("vault.create.passphrase", "short"));
+    EXPECT_EQ(presenter->lines.back(), "warning Eight characters minimum");
+    EXPECT_TRUE(menu().submit("vault.create.passphrase", "long enough"));
+    EXPECT_TRUE(find("vault.create.repeat")->isSecret);
+    EXPECT_FALSE(menu().submit("vault.create.repeat", "long enougH"));
+    EXPECT_TRUE(find("vault.create.passphrase")) << "a mismatch starts over";
+    EXPECT_FALSE(coordinator->vault().exists());
+
+    // Without a passphrase: created and open at once.
+    EXPECT_TRUE(menu().activate("vault.ask"));
+    EXPECT_TRUE(menu().activate("vault.create"));
+    scheduler.runUntilIdle();
+    EXPECT_EQ(title("vault.status"), "Unlocked, nothing stored yet");
+    EXPECT_TRUE(menu().activate("vault.add.apiKey"));
+    EXPECT_FALSE(find("vault.editor.confirm")->isEnabled) << "a blank draft cannot be added";
+    EXPECT_TRUE(menu().submit("vault.editor.name", "Deploy"));
+    EXPECT_TRUE(menu().submit("vault.editor.key", "sk-test-0123456789"));
+    EXPECT_TRUE(menu().activate("vault.editor.confirm"));
+    EXPECT_FALSE(find("vault.editor"));
+    EXPECT_EQ(title("vault.status"), "Unlocked, 1 entry");
+
+    const std::string base = "vault.entry." + coordinator->vault().items.get().front().id.uuidString();
+    EXPECT_EQ(title(base + ".key").find("sk-test"), std::string::npos) << "masked until revealed";
+    EXPECT_TRUE(menu().activate(base + ".key.reveal"));
+    EXPECT_EQ(title(base + ".key"), "Key: sk-test-0123456789");
+    scheduler.advance(30);
+    EXPECT_EQ(title(base + ".key").find("sk-test"), std::string::npos) << "the reveal ran out";
+    EXPECT_TRUE(menu().activate(base + ".key.copy"));
+    EXPECT_EQ(pasteboard->string(), "sk-test-0123456789");
+    EXPECT_EQ(presenter->lines.back(), "Copied \u2014 the pasteboard clears in 45s, and the history skipped it.");
+
+    EXPECT_TRUE(menu().activate("vault.lock"));
+    EXPECT_EQ(title("vault.status"), "Locked");
+    EXPECT_TRUE(find("vault.show")) << "an unprotected vault is only hidden";
+    for (const auto& line : notes()) EXPECT_EQ(line.find("sk-test"), std::string::npos) << line;
+}

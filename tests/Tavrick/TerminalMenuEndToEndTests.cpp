@@ -212,7 +212,7 @@ TEST(TerminalMenu, AStoredLayoutThatIsNotJSONGivesTheDefaultOrderAndSaysSo) {
     tmux.launch();
     ASSERT_TRUE(tmux.shows("Shortcuts & Gestures Enabled")) << tmux.screen();
     EXPECT_LT(tmux.rowOf("Shortcuts & Gestures Enabled"), tmux.rowOf("Pomodoro stopped"));
-    EXPECT_LT(tmux.rowOf("Pomodoro stopped"), tmux.rowOf("No vault yet"));
+    EXPECT_LT(tmux.rowOf("Pomodoro stopped"), tmux.rowOf("No vault on this Mac yet"));
     tmux.keys({"q"});
     ASSERT_TRUE(tmux.ended());
     EXPECT_NE(tmux.screen().find("The stored menu layout (8 bytes) could not be read; using the default layout"),
