@@ -575,7 +575,7 @@ void MenuBarContent::buildVault(Built& b, std::vector<MenuEntry>& out) const {
                     panel.submitCreate(std::nullopt, false, report("Vault created"));
                 });
             } else if (newPassphrase_.empty()) {
-                b.field(out, secretField("vault.create.passphrase", gate.action + "\u2026"),
+                b.field(out, secretField("vault.create.passphrase", gate.action + "…"),
                         [self, &panel](const std::string& text) {
                             if (!panel.canSubmit(true, text, text)) {
                                 self->toast("Eight characters minimum", true, std::nullopt);
@@ -604,7 +604,7 @@ void MenuBarContent::buildVault(Built& b, std::vector<MenuEntry>& out) const {
             break;
         }
         case VaultPanel::GateMode::unlock: {
-            b.field(out, secretField("vault.unlock", gate.action + "\u2026"), [self, &panel, report](const std::string& text) {
+            b.field(out, secretField("vault.unlock", gate.action + "…"), [self, &panel, report](const std::string& text) {
                 if (!panel.canSubmit(true, text, text)) return false;
                 panel.submitUnlock(text, self->rememberNext_, report(""));
                 return true;
@@ -628,16 +628,16 @@ void MenuBarContent::buildVault(Built& b, std::vector<MenuEntry>& out) const {
             b.add(out, label("vault.explanation", gate.explanation));
             break;
         }
-        if (const auto& error = vault.lastError.get()) b.add(out, label("vault.error", "\u26a0\ufe0e " + *error));
+        if (const auto& error = vault.lastError.get()) b.add(out, label("vault.error", "⚠︎ " + *error));
         return;
     }
 
     const auto entries = panel.entries();
-    if (entries.empty()) b.add(out, label("vault.empty", std::string(VaultPanel::emptyTitle) + " \u2014 " + VaultPanel::emptyDetail));
+    if (entries.empty()) b.add(out, label("vault.empty", std::string(VaultPanel::emptyTitle) + " — " + VaultPanel::emptyDetail));
     for (const auto& listed : entries) {
         const std::string base = "vault.entry." + listed.id.uuidString();
         auto line = entry(base, Kind::submenu,
-                          std::string(VaultKinds::title(listed.kind)) + " \u00b7 " + listed.title +
+                          std::string(VaultKinds::title(listed.kind)) + " · " + listed.title +
                               (listed.hint.empty() ? "" : "  " + listed.hint));
         for (const auto& row : panel.rows(listed.id)) {
             const std::string id = base + "." + row.field;
@@ -661,7 +661,7 @@ void MenuBarContent::buildVault(Built& b, std::vector<MenuEntry>& out) const {
             });
         }
         if (auto confirmation = panel.deleteConfirmation(listed.id)) {
-            auto remove = entry(base + ".delete", Kind::submenu, "Delete\u2026");
+            auto remove = entry(base + ".delete", Kind::submenu, "Delete…");
             b.add(remove.children, label(base + ".delete.title", confirmation->title));
             b.add(remove.children, label(base + ".delete.detail", confirmation->detail));
             b.add(remove.children, entry(base + ".delete.confirm", Kind::command, confirmation->confirm),
@@ -693,8 +693,8 @@ void MenuBarContent::buildVault(Built& b, std::vector<MenuEntry>& out) const {
                 return true;
             });
         }
-        if (auto warning = editor->cardWarning()) b.add(edit.children, label("vault.editor.warning", "\u26a0\ufe0e " + *warning));
-        if (const auto& failure = editor->failure()) b.add(edit.children, label("vault.editor.failure", "\u26a0\ufe0e " + *failure));
+        if (auto warning = editor->cardWarning()) b.add(edit.children, label("vault.editor.warning", "⚠︎ " + *warning));
+        if (const auto& failure = editor->failure()) b.add(edit.children, label("vault.editor.failure", "⚠︎ " + *failure));
         auto confirm = entry("vault.editor.confirm", Kind::command, editor->confirmTitle());
         confirm.isEnabled = editor->canConfirm();
         b.add(edit.children, confirm, [self, &panel] {

@@ -39,14 +39,14 @@ int runVaultSelfTestAndExit(Context& context) {
     try {
         envelope = VaultCrypto::makeEnvelope({item}, passphrase);
     } catch (const std::exception&) {
-        out << "\u2717 could not seal a vault at all\n";
+        out << "✗ could not seal a vault at all\n";
         return 1;
     }
     const VaultKeychain keychain(store, selfTestService);
     try {
         keychain.save(envelope);
     } catch (const std::exception& error) {
-        out << "\u2717 could not store it: " << error.what() << "\n";
+        out << "✗ could not store it: " << error.what() << "\n";
         return 1;
     }
     out << "stored under service " << selfTestService << "\n";
@@ -54,7 +54,7 @@ int runVaultSelfTestAndExit(Context& context) {
     // 2. The bytes as another process would find them.
     const auto copy = store.copy(selfTestService, VaultKeychain::envelopeAccount);
     if (copy.status != SecretStatus::success || !copy.data) {
-        out << "\u2717 could not read the bytes back to inspect them (" << message(copy.status) << ")\n";
+        out << "✗ could not read the bytes back to inspect them (" << message(copy.status) << ")\n";
         return 1;
     }
     const std::string& bytes = *copy.data;
@@ -67,10 +67,10 @@ int runVaultSelfTestAndExit(Context& context) {
     if (!leaks.empty()) {
         std::string what;
         for (const auto& leak : leaks) what += (what.empty() ? "" : ", ") + leak;
-        out << "\u2717 the stored bytes leak: " << what << "\n";
+        out << "✗ the stored bytes leak: " << what << "\n";
         good = false;
     } else {
-        out << "\u2713 the stored bytes contain no secret, no name and no kind\n";
+        out << "✓ the stored bytes contain no secret, no name and no kind\n";
     }
 
     // 4.
@@ -82,7 +82,7 @@ int runVaultSelfTestAndExit(Context& context) {
         } catch (const VaultCrypto::Error&) {
             wrongOpened = false;
         }
-        out << (wrongOpened ? "\u2717 a wrong passphrase opened it\n" : "\u2713 a wrong passphrase is refused\n");
+        out << (wrongOpened ? "✗ a wrong passphrase opened it\n" : "✓ a wrong passphrase is refused\n");
         good = good && !wrongOpened;
         bool recovered = false;
         try {
@@ -90,11 +90,11 @@ int runVaultSelfTestAndExit(Context& context) {
             recovered = items.size() == 1 && items[0].value("key") == secret;
         } catch (const std::exception&) {
         }
-        out << (recovered ? "\u2713 the right one gives the value back\n"
-                          : "\u2717 the right passphrase did not recover the value\n");
+        out << (recovered ? "✓ the right one gives the value back\n"
+                          : "✗ the right passphrase did not recover the value\n");
         good = good && recovered;
     } catch (const std::exception& error) {
-        out << "\u2717 could not read the bytes back to inspect them (" << error.what() << ")\n";
+        out << "✗ could not read the bytes back to inspect them (" << error.what() << ")\n";
         return 1;
     }
 
@@ -106,7 +106,7 @@ int runVaultSelfTestAndExit(Context& context) {
         << "  (on this machine the store is " << store.file().string() << ")\n";
 
     // 6.
-    out << "\u2500\u2500 with no passphrase, for comparison\n";
+    out << "── with no passphrase, for comparison\n";
     const VaultKeychain open(store, openService);
     bool stored = false;
     try {
@@ -126,9 +126,9 @@ int runVaultSelfTestAndExit(Context& context) {
     } catch (const std::exception&) {
     }
     if (contains(payload, secret)) {
-        out << "\u2713 the payload is plain text, as an unprotected vault should be\n";
+        out << "✓ the payload is plain text, as an unprotected vault should be\n";
     } else {
-        out << "\u2717 an unprotected vault should hold the value in the clear and does not\n";
+        out << "✗ an unprotected vault should hold the value in the clear and does not\n";
         good = false;
     }
     VaultCrypto::wipe(payload);
@@ -158,8 +158,8 @@ int runTouchIDProbeAndExit(Context& context) {
                             "biometryCurrentSet, data-protection", "biometryAny, data-protection",
                             "biometryAny, file keychain"};
     for (const char* shape : shapes) out << shape << ": could not build the access control\n";
-    out << "\u2717 No keychain shape will hold a guarded item in this app.\n"
-        << "  Touch ID can still be ASKED for \u2014 see the first two lines \u2014 but it\n"
+    out << "✗ No keychain shape will hold a guarded item in this app.\n"
+        << "  Touch ID can still be ASKED for — see the first two lines — but it\n"
         << "  cannot be what holds the key. Anything built on it would be a\n"
         << "  prompt in front of a key any process here can already read.\n";
     return 1;

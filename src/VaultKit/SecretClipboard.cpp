@@ -93,7 +93,7 @@ void VaultSession::copy(const std::string& value) {
         message_ = "Copied. Tavrick's clipboard history skipped it.";
         return;
     }
-    message_ = "Copied \u2014 the pasteboard clears in " + std::to_string(seconds) + "s, and the history skipped it.";
+    message_ = "Copied — the pasteboard clears in " + std::to_string(seconds) + "s, and the history skipped it.";
     clearTimer_ = scheduler_.after(seconds, [this, since = *count] {
         if (SecretClipboard::clearIfUnchanged(since, pasteboard_)) {
             message_ = "The copy has been cleared from the pasteboard.";

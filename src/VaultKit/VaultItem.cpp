@@ -17,8 +17,8 @@ namespace tavrick {
 
 namespace {
 
-const std::string bullet = "\u2022";
-const std::string ellipsis = "\u2026";
+const std::string bullet = "•";
+const std::string ellipsis = "…";
 
 // The user-perceived characters of a UTF-8 text, as views into it.
 std::vector<std::string_view> characters(std::string_view text) {
@@ -283,14 +283,14 @@ const std::vector<VaultField>& fields(VaultKind kind) {
         {"swift", "SWIFT / BIC", plain, std::nullopt, false, F::Format::asTyped},
         note};
     static const std::vector<F> wallet{
-        {"chain", "Chain", plain, "Bitcoin, Ethereum\u2026", false, F::Format::asTyped},
-        {"label", "Label", plain, "Cold storage, exchange\u2026", false, F::Format::asTyped},
+        {"chain", "Chain", plain, "Bitcoin, Ethereum…", false, F::Format::asTyped},
+        {"label", "Label", plain, "Cold storage, exchange…", false, F::Format::asTyped},
         {"address", "Address", plain, std::nullopt, true, F::Format::asTyped},
         note};
     static const std::vector<F> apiKey{
-        {"service", "Service", plain, "Anthropic, Stripe\u2026", false, F::Format::asTyped},
+        {"service", "Service", plain, "Anthropic, Stripe…", false, F::Format::asTyped},
         {"label", "Label", plain, "Which project", false, F::Format::asTyped},
-        {"environment", "Environment", plain, "live, test\u2026", false, F::Format::asTyped},
+        {"environment", "Environment", plain, "live, test…", false, F::Format::asTyped},
         {"key", "Key", tail, std::nullopt, true, F::Format::asTyped},
         note};
     switch (kind) {

@@ -106,7 +106,7 @@ std::string Biometrics::note() {
     switch (answer.kind) {
     case Availability::Kind::touchID: return "can unlock with Touch ID";
     case Availability::Kind::password:
-        return "can unlock with the login password only \u2014 biometrics refused: " +
+        return "can unlock with the login password only — biometrics refused: " +
                biometryRefusal_.value_or("no reason given");
     case Availability::Kind::none: return "cannot unlock without the passphrase: " + answer.reason;
     }

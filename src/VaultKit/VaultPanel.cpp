@@ -12,7 +12,7 @@ using Kind = VaultKeychain::Presence::Kind;
 
 constexpr const char* unprotectedExplanation =
     "Without a passphrase the entries are stored unencrypted in the keychain. macOS asks another program for "
-    "your login password before handing them over, so this is not wide open \u2014 but anyone who knows that "
+    "your login password before handing them over, so this is not wide open — but anyone who knows that "
     "password can read them, and a program you approve once keeps the access. Masking, the private clipboard "
     "and hiding the window from screen recordings all still apply either way.";
 
@@ -115,23 +115,23 @@ VaultPanel::Gate VaultPanel::gate(bool askForPassphrase) const {
                     ? "Pick something you will not forget. It is the only key: nothing is written down, there is "
                       "no recovery, and forgetting it loses the entries for good. Eight characters minimum."
                     : unprotectedExplanation,
-                "Create Vault", "Creating\u2026"};
+                "Create Vault", "Creating…"};
     case GateMode::unlock:
         return {"Unlock Vault",
-                "Entries are stored encrypted. Nothing on this Mac can read them without this passphrase \u2014 "
+                "Entries are stored encrypted. Nothing on this Mac can read them without this passphrase — "
                 "including Tavrick.",
-                "Unlock", "Unlocking\u2026"};
+                "Unlock", "Unlocking…"};
     case GateMode::hidden:
         return {"Vault Hidden",
                 "This vault has no passphrase, so hiding it only takes it off the screen. The entries are stored "
-                "unencrypted in the keychain \u2014 macOS asks another program for your login password first, but "
-                "anyone who knows that password can read them. Add a passphrase in Settings \u203a Vault.",
+                "unencrypted in the keychain — macOS asks another program for your login password first, but "
+                "anyone who knows that password can read them. Add a passphrase in Settings › Vault.",
                 "Show Entries", "Show Entries"};
     case GateMode::unreadable:
         return {"This Vault Will Not Open",
                 vault_.storage.get().message +
                     "\nTavrick will not write over it. If this Mac has no vault you meant to keep, erase it in "
-                    "Settings \u203a Vault and start again.",
+                    "Settings › Vault and start again.",
                 "", ""};
     }
     return {};
@@ -299,7 +299,7 @@ std::string VaultPanel::message() const { return failure_.empty() ? session_.mes
 std::optional<VaultPanel::Confirmation> VaultPanel::deleteConfirmation(const UUID& id) const {
     const VaultItem* entry = item(id);
     if (!entry) return std::nullopt;
-    return Confirmation{"Delete \u201c" + entry->effectiveTitle() + "\u201d?",
+    return Confirmation{"Delete “" + entry->effectiveTitle() + "”?",
                         "It is removed from the vault. There is no undo.", "Delete"};
 }
 
@@ -388,7 +388,7 @@ void VaultPanel::changePassphrase(std::string passphrase, Report report) {
 
 VaultPanel::Confirmation VaultPanel::removePassphraseConfirmation() const {
     return {"Store these entries unencrypted?",
-            "Any program running as you will be able to read every entry \u2014 no prompt and no trace. Masking, the "
+            "Any program running as you will be able to read every entry — no prompt and no trace. Masking, the "
             "private clipboard and hiding the window from screen recordings all still work; they stop a person, not "
             "software. Reasonable on a Mac only you use.",
             "Store Unencrypted"};
@@ -419,7 +419,7 @@ void VaultPanel::setShortcut(bool on, std::string passphrase, Report report) {
 std::string VaultPanel::shortcutExplanation() {
     return "The passphrase is kept in the keychain so a prompt can release it. That stops someone at your unlocked "
            "Mac. It does not stop anyone who knows your login password, because that is what the keychain asks "
-           "another program for. Switch this off and the vault is back to full strength \u2014 the passphrase "
+           "another program for. Switch this off and the vault is back to full strength — the passphrase "
            "still works either way.";
 }
 
@@ -429,7 +429,7 @@ std::optional<std::string> VaultPanel::biometricsNote() {
     switch (availability.kind) {
     case Biometrics::Availability::Kind::touchID: return std::nullopt;
     case Biometrics::Availability::Kind::password:
-        return "Touch ID is not offered here \u2014 macOS says: " +
+        return "Touch ID is not offered here — macOS says: " +
                biometrics.biometryRefusal().value_or("no reason given") + " The login password is used instead.";
     case Biometrics::Availability::Kind::none: return "This Mac cannot ask for anything: " + availability.reason;
     }
@@ -454,11 +454,11 @@ std::vector<std::string> VaultPanel::guarantees() const {
     if (vault_.protection.get() == VaultCrypto::Protection::unprotected)
         return {"This vault has no passphrase, so its entries are stored unencrypted in the keychain on this Mac. "
                 "Never synced, never in a backup, and unreadable while the Mac is locked. Another program asking "
-                "for them is shown a login-password prompt \u2014 so this is not wide open, but anyone who knows "
+                "for them is shown a login-password prompt — so this is not wide open, but anyone who knows "
                 "that password can read them.",
                 seedPhraseText};
     return {"Entries are encrypted with a key derived from your passphrase and kept in the keychain on this Mac "
-            "\u2014 never synced, never in a backup. Even someone who gets past the keychain's own prompt reads "
+            "— never synced, never in a backup. Even someone who gets past the keychain's own prompt reads "
             "only bytes that mean nothing without the passphrase.",
             "The passphrase is the only key. Nothing here records it and there is no recovery: forget it and the "
             "entries are gone. And nothing can protect you from software watching you type it.",

@@ -39,7 +39,7 @@ public:
 
     static constexpr const char* footnote = "Encrypted with your passphrase, on this Mac only.";
     static constexpr const char* cardChecksumWarning =
-        "That number fails the usual checksum. Worth re-reading \u2014 some prepaid cards do too.";
+        "That number fails the usual checksum. Worth re-reading — some prepaid cards do too.";
 
 private:
     VaultItem draft_;
@@ -151,14 +151,14 @@ public:
     struct Labels {
         static constexpr const char* askForPassphrase = "Ask for a passphrase";
         static constexpr const char* repeat = "Repeat it";
-        static constexpr const char* changePassphrase = "Change Passphrase\u2026";
+        static constexpr const char* changePassphrase = "Change Passphrase…";
         static constexpr const char* newPassphrase = "New passphrase";
         static constexpr const char* setPassphrase = "Set Passphrase";
         static constexpr const char* rememberIt = "Remember It";
-        static constexpr const char* eraseVault = "Erase Vault\u2026";
+        static constexpr const char* eraseVault = "Erase Vault…";
         static constexpr const char* clearPasteboardAfter = "Clear the pasteboard after";
         static constexpr const char* clearPasteboardExplanation =
-            "A copy from the vault is marked private, so Tavrick's own clipboard history skips it \u2014 and it is "
+            "A copy from the vault is marked private, so Tavrick's own clipboard history skips it — and it is "
             "cleared again unless you have copied something else in the meantime.";
         static constexpr const char* guaranteesTitle = "What This Is, And Is Not";
     };
