@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tavrick {
@@ -34,6 +35,14 @@ struct MenuEntry {
     bool isSecret = false;
 
     friend bool operator==(const MenuEntry&, const MenuEntry&) = default;
+
+    static MenuEntry make(std::string id, Kind kind, std::string title) {
+        MenuEntry e;
+        e.id = std::move(id);
+        e.kind = kind;
+        e.title = std::move(title);
+        return e;
+    }
 };
 
 struct MenuSnapshot {

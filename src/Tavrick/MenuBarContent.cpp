@@ -37,11 +37,7 @@ namespace {
 using Kind = MenuEntry::Kind;
 
 MenuEntry entry(std::string id, Kind kind, std::string title) {
-    MenuEntry e;
-    e.id = std::move(id);
-    e.kind = kind;
-    e.title = std::move(title);
-    return e;
+    return MenuEntry::make(std::move(id), kind, std::move(title));
 }
 MenuEntry label(std::string id, std::string title) { return entry(std::move(id), Kind::label, std::move(title)); }
 MenuEntry toggle(std::string id, std::string title, bool isOn) {

@@ -14,11 +14,7 @@ namespace {
 using Kind = MenuEntry::Kind;
 
 MenuEntry line(std::string id, Kind kind, std::string title) {
-    MenuEntry e;
-    e.id = std::move(id);
-    e.kind = kind;
-    e.title = std::move(title);
-    return e;
+    return MenuEntry::make(std::move(id), kind, std::move(title));
 }
 
 std::string trimmed(const std::string& text) {

@@ -50,6 +50,12 @@ struct RecordingNotifications : UserNotificationCenter {
     }
 };
 
+// Keep-awake sessions bound to an app find none and watch nothing.
+struct NoProcesses : ProcessWatcher {
+    std::optional<Instance> find(const std::string&) override { return std::nullopt; }
+    std::unique_ptr<Watch> watchExit(const Instance&, std::function<void()>) override { return nullptr; }
+};
+
 class CoordinatorHarness : public ::testing::Test {
 protected:
     void SetUp() override {

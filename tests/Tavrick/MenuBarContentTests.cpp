@@ -12,11 +12,6 @@ using namespace tavrick::testing;
 
 namespace {
 
-struct NoProcesses : ProcessWatcher {
-    std::optional<Instance> find(const std::string&) override { return std::nullopt; }
-    std::unique_ptr<Watch> watchExit(const Instance&, std::function<void()>) override { return nullptr; }
-};
-
 class MenuTest : public CoordinatorHarness {
 protected:
     void adjust(AppEnvironment& environment) override {
