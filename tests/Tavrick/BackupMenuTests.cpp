@@ -82,7 +82,7 @@ protected:
         item.set("password", "pw-deploy");
         coordinator->vault().save(item);
         coordinator->notepad().setText("groceries");
-        coordinator->settings().showConfirmations.set(false);
+        coordinator->settings().translateInto.set("Welsh");
         scheduler.runUntilIdle();
     }
     std::vector<std::string> vaultTitles() {
@@ -131,7 +131,7 @@ TEST_F(BackupMenuTest, ExportWritesTheFileAndRestoreBringsEverythingBack) {
     // Everything changes, and the vault locks.
     coordinator->vault().remove(coordinator->vault().sorted().front().id);
     coordinator->notepad().setText("something else");
-    coordinator->settings().showConfirmations.set(true);
+    coordinator->settings().translateInto.set("Breton");
     coordinator->vault().lock();
     scheduler.runUntilIdle();
 
@@ -153,14 +153,15 @@ TEST_F(BackupMenuTest, ExportWritesTheFileAndRestoreBringsEverythingBack) {
     EXPECT_EQ(title("settings.restore.secrets.note"), BackupTexts::mergeSentence);
     std::vector<std::string> sentences;
     for (int i = 0; auto e = find("settings.restore.confirm." + std::to_string(i)); ++i) sentences.push_back(e->title);
-    EXPECT_EQ(sentences, (std::vector<std::string>{BackupTexts::confirmSettings, BackupTexts::confirmNotepad,
+    EXPECT_EQ(sentences, (std::vector<std::string>{BackupTexts::confirmSettings, BackupTexts::confirmBindings,
+                                                   BackupTexts::confirmNotepad,
                                                    BackupTexts::confirmSecrets, BackupTexts::noUndo}));
     EXPECT_TRUE(menu().activate("settings.restore.apply"));
     scheduler.runUntilIdle();
 
     EXPECT_EQ(coordinator->notepad().text().get(), "groceries");
     EXPECT_EQ(vaultTitles(), std::vector<std::string>{"Deploy"});
-    EXPECT_FALSE(coordinator->settings().showConfirmations.get());
+    EXPECT_EQ(coordinator->settings().translateInto.get(), "Welsh");
     EXPECT_EQ(lastToast().rfind("Backup restored | ", 0), 0u) << lastToast();
     EXPECT_NE(lastToast().find("the note, 1 vault entries"), std::string::npos) << lastToast();
     EXPECT_EQ(lines("settings.restore"), std::vector<std::string>{"settings.restore.file"}) << "the sheet closes";
@@ -208,8 +209,15 @@ TEST_F(BackupMenuTest, WithNothingStoredTheSecretsRowSaysWhyAndThePlainExportNee
     EXPECT_EQ(title("settings.backup.secrets.note"), "There is nothing in the vault and no AI key stored.");
     EXPECT_FALSE(find("settings.backup.passphrase"));
     EXPECT_FALSE(find("settings.backup.notepad")) << "an empty note is not offered";
-    // Turning the last section off leaves nothing to write.
-    EXPECT_TRUE(menu().activate("settings.backup.settings"));
+    // Turning every section off leaves nothing to write.
+    std::vector<std::string> offered;
+    for (const char* id : {"settings.backup.settings", "settings.backup.bindings", "settings.backup.tweaks"}) {
+        if (!find(id)) continue;
+        offered.push_back(id);
+        EXPECT_TRUE(menu().activate(id));
+        EXPECT_FALSE(find(id)->isOn);
+    }
+    ASSERT_FALSE(offered.empty());
     EXPECT_FALSE(enabled("settings.backup.export"));
     EXPECT_FALSE(menu().activate("settings.backup.export"));
     EXPECT_TRUE(menu().activate("settings.backup.settings"));
@@ -257,6 +265,11 @@ TEST_F(BackupMenuTest, RestoreWithEverySectionTurnedOffCannotRunAndCancelForgets
     EXPECT_TRUE(enabled("settings.restore.apply"));
     EXPECT_TRUE(menu().activate("settings.restore.settings"));
     EXPECT_TRUE(menu().activate("settings.restore.notepad"));
+    for (const char* id : {"settings.restore.bindings", "settings.restore.tweaks"}) {
+        if (find(id)) {
+            EXPECT_TRUE(menu().activate(id));
+        }
+    }
     EXPECT_FALSE(enabled("settings.restore.apply"));
     EXPECT_FALSE(menu().activate("settings.restore.apply"));
     EXPECT_EQ(std::vector<std::string>{title("settings.restore.confirm.0")}, std::vector<std::string>{BackupTexts::noUndo});
