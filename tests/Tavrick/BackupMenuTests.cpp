@@ -280,3 +280,46 @@ TEST_F(BackupMenuTest, RestoreWithEverySectionTurnedOffCannotRunAndCancelForgets
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(BackupMenuTest, ASealedVaultIsOpenedWithItsOwnPassphraseAfterTheFilesOne) {
+    menu();
+    std::optional<std::string> created = "pending";
+    coordinator->vault().create(std::string("vault pass 1"), [&](std::optional<std::string> error) { created = error; });
+    scheduler.runUntilIdle();
+    ASSERT_EQ(created, std::nullopt);
+    VaultItem item;
+    item.title = "Mail";
+    item.set("password", "pw-mail");
+    coordinator->vault().save(item);
+    const auto file = root / "sealed.json";
+    EXPECT_TRUE(menu().submit("settings.backup.file", file.string()));
+    EXPECT_TRUE(menu().submit("settings.backup.passphrase", "file pass 1"));
+    EXPECT_TRUE(menu().submit("settings.backup.repeat", "file pass 1"));
+    EXPECT_TRUE(menu().activate("settings.backup.export"));
+    scheduler.runUntilIdle();
+    ASSERT_TRUE(std::filesystem::exists(file));
+    coordinator->vault().remove(coordinator->vault().sorted().front().id);
+    coordinator->vault().lock();
+
+    EXPECT_TRUE(menu().submit("settings.restore.file", file.string()));
+    EXPECT_TRUE(menu().submit("settings.restore.passphrase", "file pass 1"));
+    ASSERT_TRUE(find("settings.restore.vault"));
+    EXPECT_TRUE(find("settings.restore.vault")->isSecret);
+    EXPECT_TRUE(menu().submit("settings.restore.vault", "vault pass 2"));
+    scheduler.runUntilIdle();
+    EXPECT_FALSE(coordinator->vault().isUnlocked.get());
+    EXPECT_EQ(title("settings.restore.vault.failure").rfind("⚠︎ ", 0), 0u);
+    EXPECT_FALSE(enabled("settings.restore.secrets"));
+    EXPECT_TRUE(menu().submit("settings.restore.vault", "vault pass 1"));
+    scheduler.runUntilIdle();
+    ASSERT_TRUE(coordinator->vault().isUnlocked.get());
+    EXPECT_FALSE(find("settings.restore.vault.failure"));
+    EXPECT_TRUE(find("settings.restore.secrets")->isOn);
+    EXPECT_TRUE(menu().activate("settings.restore.apply"));
+    scheduler.runUntilIdle();
+    EXPECT_EQ(vaultTitles(), std::vector<std::string>{"Mail"});
+}
+
+} // namespace
