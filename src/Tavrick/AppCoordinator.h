@@ -224,6 +224,7 @@ public:
     bool pomodoroHoldsAwake() const { return pomodoroHoldsAwake_; }
 
     Scheduler& scheduler() { return env_.scheduler; }
+    const std::filesystem::path& home() const { return env_.home; }
     DiagnosticLog& log() { return env_.log; }
     // The session's applications, oldest first.
     std::vector<RunningApplication> runningApplications() const {

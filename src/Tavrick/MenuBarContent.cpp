@@ -524,6 +524,8 @@ MenuBarContent::Built MenuBarContent::build() const {
     out.push_back(entry("separator.bottom", Kind::separator, ""));
     auto settingsMenu = entry("settings", Kind::submenu, "Settings");
     SettingsMenu::build(c, settingsMenu.children, b.commands, b.fields);
+    if (!backup_) backup_ = std::make_unique<BackupMenu>(c, [self] { self->changed(); }, backupRounds);
+    backup_->build(settingsMenu.children, b.commands, b.fields);
     out.push_back(std::move(settingsMenu));
     b.add(out, entry("updates", Kind::command, "Check for Updates…"), [self] {
         self->toast("Updates come with the source", false, "Pull the latest and run ./scripts/run again");

@@ -5,6 +5,8 @@
 #include "AwakeKit/AwakeModels.h"
 #include "CoreKit/SettingsTypes.h"
 #include "FanCore/FanReading.h"
+#include "Tavrick/BackupMenu.h"
+#include "VaultKit/VaultCrypto.h"
 
 #include <functional>
 #include <map>
@@ -52,6 +54,8 @@ public:
     // under the switch, and what to do when the switch turns (beyond storing the setting).
     std::function<std::optional<std::string>()> snapError;
     std::function<void(bool enabled)> onSnappingChanged;
+    // How hard a backup file's passphrase is stretched; set before the menu is first drawn.
+    std::int64_t backupRounds = VaultCrypto::iterations;
 
 private:
     struct Built;
@@ -73,6 +77,8 @@ private:
     bool askForPassphrase_ = true;
     std::string newPassphrase_;
     bool rememberNext_ = false;
+    // "Back Up…" and "Restore…", made when Settings is first drawn.
+    mutable std::unique_ptr<BackupMenu> backup_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

@@ -504,6 +504,11 @@ int TavrickApp::main(int argc, char** argv) {
         tray->setSource(&menuContent);
         tray->start();
     }
+    // The terminal menu's settings and vault stand for windows; while one is in view the program
+    // counts as a full application, which this desktop can only note.
+    TerminalActivationPolicy activationPolicy(log);
+    AppWindows windows(delegate);
+    delegate.applicationDidFinishLaunching(scheduler, activationPolicy, [&windows] { return windows.visible(); });
     // The welcome is a line on how to use the menu, shown once it is up and then never again; a
     // run without a terminal leaves it for the first run with one.
     bool welcomePending = false;
@@ -511,6 +516,8 @@ int TavrickApp::main(int argc, char** argv) {
     auto welcome = [&] {
         if (!welcomePending) return;
         welcomePending = false;
+        // The welcome stays until the first move in the menu.
+        windows.show(WindowIdentifier::welcome, "Welcome to Tavrick");
         Toast::shared().show("Welcome to Tavrick", Toast::Kind::done,
                              "Arrows and Enter choose, each line has a letter, Esc goes back, q quits");
         coordinator->settings().hasCompletedWelcome.set(true);
@@ -526,6 +533,9 @@ int TavrickApp::main(int argc, char** argv) {
         }
         log.note("menu", "terminal menu open");
         terminalMenu->onQuit = requestQuit;
+        terminalMenu->onMove = [&windows](const std::vector<std::string>& path, const std::string& cursor) {
+            windows.sync(terminalWindows(path, cursor));
+        };
         TerminalMenu* menu = terminalMenu.get();
         // While the menu owns the screen, what would be printed goes to its status lines.
         Log::setSink([menu](LogLevel, std::string_view category, std::string_view message) {

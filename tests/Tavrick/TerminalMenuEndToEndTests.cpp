@@ -135,6 +135,10 @@ TEST(TerminalMenu, SectionsReorderFromSettingsAndTheOrderSurvivesARestart) {
     EXPECT_NE(log.find("[menu] chose settings.menuBarItems.pomodoro.up"), std::string::npos) << log;
     EXPECT_NE(log.find("[menu] layout saved — nothing hidden"), std::string::npos);
     EXPECT_NE(log.find("[menu] terminal menu closed"), std::string::npos);
+    // Settings in view bring the program out of the menu bar; leaving them sends it back.
+    const auto shown = log.find("[window] a window is open — showing in the Dock");
+    ASSERT_NE(shown, std::string::npos) << log;
+    EXPECT_NE(log.find("[window] no windows left — back to the menu bar only", shown), std::string::npos) << log;
 }
 
 TEST(TerminalMenu, CommandsActWithLiveStateAndToastsLandInTheStatusLines) {

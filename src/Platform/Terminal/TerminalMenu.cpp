@@ -206,6 +206,21 @@ struct TerminalMenu::Core : std::enable_shared_from_this<TerminalMenu::Core> {
     bool redrawPending = false;
     bool closed = false;
     std::function<void()>* onQuit = nullptr;
+    std::function<void(const std::vector<std::string>&, const std::string&)>* onMove = nullptr;
+    std::vector<std::string> lastPath;
+    std::string lastCursor;
+
+    // Tells the host when the open submenus or the chosen line changed since the last time.
+    void reportMove() {
+        if (!onMove || !*onMove) return;
+        const auto snapshot = source->snapshot();
+        auto path = navigator.path(snapshot);
+        auto cursor = navigator.cursor(snapshot);
+        if (path == lastPath && cursor == lastCursor) return;
+        lastPath = path;
+        lastCursor = cursor;
+        (*onMove)(lastPath, lastCursor);
+    }
 
     std::mutex mutex;
     std::deque<std::string> status;
@@ -306,6 +321,7 @@ struct TerminalMenu::Core : std::enable_shared_from_this<TerminalMenu::Core> {
             return;
         }
         draw();
+        reportMove();
     }
 
     void readLoop() {
@@ -399,6 +415,7 @@ std::unique_ptr<TerminalMenu> TerminalMenu::open(MenuSource& source, Scheduler& 
     std::unique_ptr<TerminalMenu> menu(new TerminalMenu());
     menu->core_ = core;
     core->onQuit = &menu->onQuit;
+    core->onMove = &menu->onMove;
     std::weak_ptr<Core> weak = core;
     core->observer = source.addChangeObserver([weak] {
         if (auto self = weak.lock()) self->scheduleRedraw();
@@ -437,6 +454,7 @@ void TerminalMenu::reveal(std::vector<std::string> ids) {
     if (!core_ || core_->closed) return;
     core_->navigator.open(std::move(ids));
     core_->draw();
+    core_->reportMove();
 }
 
 void TerminalMenu::close() {
@@ -468,6 +486,7 @@ void TerminalMenu::close() {
     ::close(core->pipe[0]);
     ::close(core->pipe[1]);
     core->onQuit = nullptr;
+    core->onMove = nullptr;
 }
 
 TerminalMenu::~TerminalMenu() {

@@ -56,6 +56,9 @@ public:
     void reveal(std::vector<std::string> ids);
     // "q" or the source's Quit.
     std::function<void()> onQuit;
+    // The open submenus (top level first) and the line under the cursor, after a key or a reveal
+    // moved them.
+    std::function<void(const std::vector<std::string>& path, const std::string& cursor)> onMove;
 
     // Puts the terminal back as it was; safe to call more than once.
     void close();
