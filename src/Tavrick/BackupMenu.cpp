@@ -288,15 +288,26 @@ void BackupMenu::buildImport(std::vector<MenuEntry>& into, Commands& commands, F
         toggle("secrets", BackupTexts::secretsRow, m.plan.secrets, m.canChooseSecrets());
         // The file's passphrase first: a wrong one is refused before the vault is asked for.
         auto passphrase = secret("settings.restore.passphrase", BackupTexts::passphraseField, !m.passphrase.empty());
-        fields[passphrase.id] = [this, redraw](const std::string& text) {
+        fields[passphrase.id] = [this, alive, redraw](const std::string& text) {
             if (!import_ || !import_->pending()) return false;
-            if (!ArchiveBuilder::opens(import_->pending()->archive, text)) {
-                warn(ArchiveError::wrongPassphrase().what());
-                return false;
-            }
-            VaultCrypto::wipe(import_->passphrase);
-            import_->passphrase = text;
-            redraw();
+            // The key derivation takes a moment at full strength: it runs off the main queue, on
+            // a copy of the archive, and the answer comes back only if the menu is still there.
+            Scheduler& scheduler = c_.scheduler();
+            scheduler.global(QoS::userInitiated, [this, alive, redraw, &scheduler, archive = import_->pending()->archive,
+                                                  attempt = text]() mutable {
+                const bool opened = ArchiveBuilder::opens(archive, attempt);
+                scheduler.async([this, alive, redraw, opened, attempt = std::move(attempt)]() mutable {
+                    if (alive.expired() || !import_) return VaultCrypto::wipe(attempt);
+                    if (!opened) {
+                        VaultCrypto::wipe(attempt);
+                        warn(ArchiveError::wrongPassphrase().what());
+                        return redraw();
+                    }
+                    VaultCrypto::wipe(import_->passphrase);
+                    import_->passphrase = std::move(attempt);
+                    redraw();
+                });
+            });
             return true;
         };
         out.push_back(std::move(passphrase));
