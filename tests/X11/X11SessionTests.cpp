@@ -211,6 +211,14 @@ TEST_F(X11Session, AWindowThatNeverSaysItsProcessIsInFrontByItsClassAndIsMoved) 
     EXPECT_FALSE(desktop->activate(X11Desktop::noProcess));
     EXPECT_FALSE(desktop->terminate(X11Desktop::noProcess));
     EXPECT_TRUE(eventually([&] { return user->activeWindow() == message->window(); }));
+
+    // Once it is gone it is nobody's window, whatever the active window still names.
+    message->destroy();
+    EXPECT_TRUE(eventually([&] {
+        auto front = desktop->frontmostApplication();
+        return (!front || front->processIdentifier == editorPid) &&
+               !desktop->application(X11Desktop::noProcess)->focusedWindow();
+    }));
 }
 
 TEST_F(X11Session, AMaximizedWindowIsTakenOutOfItsStateAndMoved) {

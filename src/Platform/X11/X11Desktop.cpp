@@ -33,9 +33,13 @@ struct X11Desktop::Core {
     // Everything below expects `x->lock` held.
     std::vector<xcb_window_t> clients(bool stacking);
     std::optional<std::int32_t> pid(xcb_window_t window);
-    // The window's process, or `noProcess` for a client that never says (xmessage, old toolkits):
-    // such a window is still the front application's, named by its class.
-    std::int32_t processOf(xcb_window_t window) { return pid(window).value_or(noProcess); }
+    // The window's process, or `noProcess` for a client that never says (xmessage, old toolkits)
+    // but has a class to be named by. Nothing for a window that has neither: one already gone.
+    std::optional<std::int32_t> processOf(xcb_window_t window) {
+        if (auto known = pid(window)) return known;
+        if (windowClass(window)) return noProcess;
+        return std::nullopt;
+    }
     std::optional<std::pair<std::string, std::string>> windowClass(xcb_window_t window);
     RunningApplication describe(xcb_window_t window, std::int32_t pid);
     std::optional<xcb_window_t> activeWindow();
@@ -323,7 +327,9 @@ std::optional<RunningApplication> X11Desktop::frontmostApplication() const {
     std::lock_guard guard(core_->x->lock);
     auto active = core_->activeWindow();
     if (!active) return std::nullopt;
-    return core_->describe(*active, core_->processOf(*active));
+    auto pid = core_->processOf(*active);
+    if (!pid) return std::nullopt;
+    return core_->describe(*active, *pid);
 }
 
 std::vector<RunningApplication> X11Desktop::allApplications() const {
