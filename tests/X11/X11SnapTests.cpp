@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <unistd.h>
@@ -323,9 +324,20 @@ TEST_F(X11Snap, ADragToAnEdgeOfAMonitorBesideOrAboveThePrimarySnapsToThatMonitor
             auto seen = findPreview(user->connection());
             return seen && seen->viewable && seen->frame == c.frame;
         }));
+        // The command goes to the monitor that holds the window at release: a window manager behind
+        // the pointer is waited for until the window's middle has reached the zone's monitor.
+        const auto& primary = c.monitors.front();
+        const auto target = *std::find_if(c.monitors.begin(), c.monitors.end(), [&](const XRect& m) {
+            return c.frame.x >= m.x && c.frame.x < m.x + m.width && c.frame.y >= m.y && c.frame.y < m.y + m.height;
+        });
+        EXPECT_TRUE(until([&] {
+            auto frame = outerFrame();
+            if (!frame) return false;
+            const double x = frame->midX() + primary.x, y = frame->midY() + primary.y;
+            return x >= target.x && x < target.x + target.width && y >= target.y && y < target.y + target.height;
+        }));
         user->button(1, false);
         user->sync();
-        const auto& primary = c.monitors.front();
         const Rect expected{{double(c.frame.x - primary.x), double(c.frame.y - primary.y)},
                             {double(c.frame.width), double(c.frame.height)}};
         EXPECT_TRUE(until([&] { return outerFrame() == expected; }));
