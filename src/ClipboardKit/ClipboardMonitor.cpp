@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <mutex>
@@ -185,8 +186,15 @@ void ClipboardMonitor::capture() {
     // than the limit has no more characters either, so only a longer one is counted, and counting
     // stops past the limit: an enormous copy costs no more than an allowed one.
     const auto limit = static_cast<std::size_t>(std::max<std::int64_t>(0, policy.maximumTextLength));
-    const auto length = static_cast<std::int64_t>(text.size() <= limit ? text.size()
-                                                                        : UnicodeText::characterCount(text, limit));
+    auto length = static_cast<std::int64_t>(text.size() <= limit ? text.size()
+                                                                  : UnicodeText::characterCount(text, limit));
+    // A copy the pasteboard refused to read for its size is not empty: it is too large, whatever
+    // the limit, since its text cannot be had. Its bytes say how many characters it has at least.
+    if (text.empty()) {
+        if (const auto refused = pasteboard_.oversizedTextBytes(); refused && *refused > 0) {
+            length = std::max<std::int64_t>((*refused + 3) / 4, static_cast<std::int64_t>(limit) + 1);
+        }
+    }
     const auto decision =
         policy.decide(types, front ? std::optional<std::string>(front->bundleID) : std::nullopt, length);
 

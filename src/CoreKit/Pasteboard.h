@@ -23,6 +23,10 @@ public:
     // The data for `type` as bytes, nothing when absent. Text is meant to be UTF-8, but a writer
     // may put anything there.
     virtual std::optional<std::string> string(const std::string& type = plainTextType) const = 0;
+    // When the plain text now on the pasteboard was too large to be read: the bytes it holds, at
+    // least (a refusal may come before the whole size is known). Nothing when it was read, when
+    // there is none, or when this pasteboard reads any size.
+    virtual std::optional<std::int64_t> oversizedTextBytes() const { return std::nullopt; }
 
     // Empties the pasteboard; returns the new change count.
     virtual std::int64_t clearContents() = 0;

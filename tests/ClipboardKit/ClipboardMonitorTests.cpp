@@ -149,6 +149,53 @@ TEST_F(ClipboardMonitorTest, LengthIsCountedInCharactersNotBytes) {
     EXPECT_EQ(monitor->lastSkipReason().get(), "Skipped a copy larger than 128000 characters");
 }
 
+TEST_F(ClipboardMonitorTest, ACopyThePasteboardRefusedForItsSizeIsTooLargeNotEmpty) {
+    LogCapture capture;
+    struct Case {
+        std::int64_t bytes;
+        std::vector<std::string> types;
+        std::optional<std::string> from;
+        std::int64_t limit;
+        std::optional<std::string> reason;
+    };
+    const std::string tooLarge = "Skipped a copy larger than 128000 characters";
+    const std::vector<Case> cases = {
+        {16 << 20, {}, std::nullopt, 128000, tooLarge},
+        // A single byte over nothing still cannot be had: too large, never an empty copy.
+        {1, {}, std::nullopt, 128000, tooLarge},
+        // The order of the rules holds: a marker and an excluded application come first.
+        {16 << 20, {"org.nspasteboard.ConcealedType"}, std::nullopt, 128000,
+         "Skipped a concealed copy (a password manager marked it private)"},
+        {16 << 20, {}, "com.1password.1password", 128000, "Skipped a copy from com.1password.1password"},
+        // A limit above what the bytes prove is still beaten: the text is not there to record.
+        {16 << 20, {}, std::nullopt, 1LL << 40, "Skipped a copy larger than 1099511627776 characters"},
+        // Nothing refused: an image is an empty copy, which says nothing.
+        {0, {"public.png"}, std::nullopt, 128000, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        policy.maximumTextLength = c.limit;
+        auto monitor = make();
+        front = c.from ? std::optional<ClipboardSourceApp>({*c.from, "App"}) : std::nullopt;
+        if (c.bytes > 0) {
+            pasteboard.copyOversized(c.bytes, c.types);
+        } else {
+            copy("", c.types);
+        }
+        tick(*monitor);
+        EXPECT_EQ(monitor->lastSkipReason().get(), c.reason) << c.bytes << " bytes, limit " << c.limit;
+        EXPECT_TRUE(monitor->history().get().items().empty());
+        // The next ordinary copy is recorded and clears the reason.
+        front = std::nullopt;
+        copy("after");
+        tick(*monitor);
+        EXPECT_EQ(texts(*monitor), (std::vector<std::string>{"after"}));
+        EXPECT_EQ(monitor->lastSkipReason().get(), std::nullopt);
+        monitor->clear();
+        monitor->waitForSaves();
+    }
+    EXPECT_TRUE(capture.contains("clipboard", "Clipboard: skipped a copy of more than 128000 characters"));
+}
+
 TEST_F(ClipboardMonitorTest, OwnCopiesAreNotCapturedAndMoveToTheTop) {
     auto monitor = make();
     copyEach(*monitor, {"one", "two"});

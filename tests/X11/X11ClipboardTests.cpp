@@ -394,7 +394,51 @@ TEST_F(X11Clipboard, LargeCopiesGoInPiecesBothWaysUpToTheLimit) {
             EXPECT_FALSE(read);
             EXPECT_EQ(reader->lastReadFailure(), "the copy holds more than 65536 bytes");
         }
+        // A refusal says how much was refused, at least; a text that was read says nothing.
+        const auto refused = reader->oversizedTextBytes();
+        if (test.read) {
+            EXPECT_EQ(refused, std::nullopt);
+        } else {
+            ASSERT_TRUE(refused);
+            EXPECT_GT(*refused, 64 * 1024);
+            EXPECT_LE(*refused, static_cast<std::int64_t>(test.size));
+        }
     }
+    // The next change forgets the refusal.
+    const auto before = reader->changeCount();
+    writer->clearContents();
+    ASSERT_TRUE(writer->setString("small"));
+    ASSERT_TRUE(moved(*reader, before));
+    EXPECT_EQ(reader->string(), "small");
+    EXPECT_EQ(reader->oversizedTextBytes(), std::nullopt);
+}
+
+TEST_F(X11Clipboard, ACopyOverTheLimitReachesTheHistoryAsTooLarge) {
+    auto small = patient();
+    small.chunkBytes = 4096;
+    small.maximumBytes = 64 * 1024;
+    auto writer = open(small);
+    auto reader = open(small);
+    testing::LogCapture capture;
+    testing::TempDir root;
+    ManualScheduler scheduler;
+    auto log = DiagnosticLog::make(root / "logs", scheduler);
+    ClipboardMonitor monitor(ClipboardPolicy{}, true, root / "support", *reader, scheduler, *log);
+    auto copyAndTick = [&](const std::string& text) {
+        const auto before = reader->changeCount();
+        writer->clearContents();
+        ASSERT_TRUE(writer->setString(text));
+        ASSERT_TRUE(moved(*reader, before));
+        scheduler.advance(ClipboardMonitor::pollInterval);
+    };
+    copyAndTick(std::string(1 << 20, 'x'));
+    EXPECT_TRUE(monitor.history().get().items().empty());
+    EXPECT_EQ(monitor.lastSkipReason().get(), "Skipped a copy larger than 128000 characters");
+    EXPECT_TRUE(capture.contains("clipboard", "Clipboard: skipped a copy of more than 128000 characters"));
+    copyAndTick("fits");
+    ASSERT_EQ(monitor.history().get().items().size(), 1u);
+    EXPECT_EQ(monitor.history().get().items()[0].text.str(), "fits");
+    EXPECT_EQ(monitor.lastSkipReason().get(), std::nullopt);
 }
 
 TEST_F(X11Clipboard, AnOwnerThatNeverAnswersCostsOneTimeOutAndIsSaid) {

@@ -7,6 +7,7 @@
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/DispatchScheduler.h"
 #include "CoreKit/EventTap.h"
+#include "CoreKit/ManualScheduler.h"
 #include "CoreKit/SyntheticEvents.h"
 #include "HotkeyEngine/HotkeyEngine.h"
 #include "MouseGestureKit/MouseGestureEngine.h"
@@ -170,6 +171,59 @@ TEST_F(X11Session, AFrameIsReadAndWrittenAsTheOuterFrameWithItsDecoration) {
     EXPECT_EQ(window->size(), (Size{420, 333}));
     // Another application's window is not this one's focused window.
     EXPECT_FALSE(desktop->application(otherPid)->focusedWindow());
+}
+
+TEST_F(X11Session, AWindowThatNeverSaysItsProcessIsInFrontByItsClassAndIsMoved) {
+    auto message = openWindow({.title = "note", .instance = "xmessage", .className = "Xmessage", .pid = 0,
+                               .frame = {150, 120, 300, 200}});
+    auto editor = openWindow({.title = "notes", .instance = "editor", .className = "Editor", .pid = editorPid,
+                              .frame = {500, 400, 200, 200}});
+    struct Case {
+        const TestWindow* active;
+        RunningApplication front;
+        std::int32_t owner;     // whose focused window is the active one
+        std::int32_t notOwner;  // and whose is not
+    };
+    const std::vector<Case> cases{
+        {message.get(), {X11Desktop::noProcess, "Xmessage", "Xmessage"}, X11Desktop::noProcess, editorPid},
+        {editor.get(), {editorPid, "editor", "Editor"}, editorPid, X11Desktop::noProcess},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(*c.front.localizedName);
+        ASSERT_TRUE(user->activate(c.active->window()));
+        // The window manager may still be settling the focus of the windows it just mapped.
+        // All three are read together, once the focus stays where it was put.
+        EXPECT_TRUE(eventually([&] {
+            return desktop->frontmostApplication() == c.front && desktop->application(c.owner)->focusedWindow() &&
+                   !desktop->application(c.notOwner)->focusedWindow();
+        }))
+            << desktop->frontmostApplication().value_or(RunningApplication{}).localizedName.value_or("nothing");
+    }
+
+    // A window command acts on it: the left half of the left monitor, exactly.
+    ASSERT_TRUE(user->activate(message->window()));
+    ASSERT_TRUE(eventually([&] { return desktop->application(X11Desktop::noProcess)->focusedWindow() != nullptr; }));
+    ManualScheduler scheduler;
+    WindowManager windows(*desktop, scheduler);
+    windows.performApply(WindowCommand::leftHalf, X11Desktop::noProcess, ScreenSnapshot::current(*desktop));
+    EXPECT_TRUE(eventually([&] { return serverOuterFrame(message->connection(), message->window()) == XRect{0, 0, 500, 900}; }))
+        << describe(serverOuterFrame(message->connection(), message->window()));
+    // The editor, which says its process, was left where it was.
+    EXPECT_EQ(serverOuterFrame(editor->connection(), editor->window()).x, 500);
+
+    // Without a process there is nothing to bring forward or to end: never a signal to process 0,
+    // which would reach this program's own group.
+    EXPECT_FALSE(desktop->activate(X11Desktop::noProcess));
+    EXPECT_FALSE(desktop->terminate(X11Desktop::noProcess));
+    EXPECT_TRUE(eventually([&] { return user->activeWindow() == message->window(); }));
+
+    // Once it is gone it is nobody's window, whatever the active window still names.
+    message->destroy();
+    EXPECT_TRUE(eventually([&] {
+        auto front = desktop->frontmostApplication();
+        return (!front || front->processIdentifier == editorPid) &&
+               !desktop->application(X11Desktop::noProcess)->focusedWindow();
+    }));
 }
 
 TEST_F(X11Session, AMaximizedWindowIsTakenOutOfItsStateAndMoved) {

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <unistd.h>
@@ -85,6 +86,11 @@ protected:
         std::string why;
         session = XSession::start(&why, 0, true);
         if (!session) GTEST_SKIP() << "No X server for this test: " << why;
+        begin();
+    }
+
+    // Everything over a session that is running: the desktop, the input, the snapper.
+    void begin() {
         std::string failure;
         auto requests = X11Connection::open(session->display(), &failure);
         ASSERT_TRUE(requests) << failure;
@@ -118,6 +124,19 @@ protected:
         events.reset();
     }
 
+    // A new server cut into `monitors` (the first primary), and everything over it again.
+    void restart(const std::vector<XRect>& monitors) {
+        TearDown();
+        user.reset();
+        desktop.reset();
+        connection.reset();
+        session.reset();
+        std::string why;
+        session = XSession::start(&why, monitors, true);
+        ASSERT_TRUE(session) << why;
+        begin();
+    }
+
     // Runs what the tap handed to the main queue until `condition` holds.
     bool until(const std::function<bool()>& condition) {
         return eventually([&] {
@@ -128,7 +147,7 @@ protected:
     }
 
     std::optional<Rect> outerFrame() {
-        auto window = desktop->application(clientPid)->focusedWindow();
+        auto window = desktop->application(pid)->focusedWindow();
         if (!window) return std::nullopt;
         auto position = window->position();
         auto size = window->size();
@@ -143,7 +162,9 @@ protected:
         for (int attempt = 0; attempt < 3; ++attempt) {
             const auto start = outerFrame();
             ASSERT_TRUE(start);
-            Point at{start->midX(), start->minY() + 8};
+            // The frame is measured from the primary monitor's corner; the pointer moves in root coordinates.
+            const auto primary = desktop->monitors().front();
+            Point at{start->midX() + primary.x, start->minY() + 8 + primary.y};
             user->moveTo(int(at.x), int(at.y));
             user->sync();
             user->button(1, true);
@@ -178,6 +199,8 @@ protected:
     std::unique_ptr<WindowManager> windows;
     std::unique_ptr<SnapPreviewWindow> preview;
     std::unique_ptr<WindowSnapper> snapper;
+    // The process the client in front says it is.
+    std::int32_t pid = clientPid;
 };
 
 TEST_F(X11Snap, ATitleBarDraggedToEachEdgeSnapsToTheZonesExactFrameWithThePreviewOnlyDuringTheDrag) {
@@ -271,6 +294,70 @@ TEST_F(X11Snap, AClientThatRefusesASizeOrVanishesMidDragEndsCleanlyWithNothingHe
     EXPECT_TRUE(events->isServerAlive());
     EXPECT_TRUE(connection->isAlive());
     EXPECT_TRUE(nothingGrabbed(session->display()));
+}
+
+TEST_F(X11Snap, ADragToAnEdgeOfAMonitorBesideOrAboveThePrimarySnapsToThatMonitorsZone) {
+    struct Case {
+        const char* what;
+        std::vector<XRect> monitors;  // the primary first
+        XRect start;                  // the client, on the primary
+        Point to;                     // root coordinates
+        XRect frame;                  // the outer frame it snaps to
+    };
+    const std::vector<Case> cases{
+        {"left of the primary", {{600, 0, 1000, 900}, {0, 0, 600, 900}}, {900, 300, 400, 300}, {1, 450}, {0, 0, 300, 900}},
+        {"right edge of the primary, right of the other", {{600, 0, 1000, 900}, {0, 0, 600, 900}}, {900, 300, 400, 300},
+         {1598, 450}, {1100, 0, 500, 900}},
+        {"above the primary", {{0, 300, 1600, 600}, {0, 0, 1600, 300}}, {600, 500, 400, 200}, {1, 150}, {0, 0, 800, 300}},
+        {"left edge of the primary, below the other", {{0, 300, 1600, 600}, {0, 0, 1600, 300}}, {600, 500, 400, 200},
+         {1, 600}, {0, 300, 800, 600}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        restart(c.monitors);
+        ASSERT_EQ(desktop->monitors(), c.monitors);
+        auto client = std::make_unique<TestWindow>(session->display(), TestWindow::Options{.pid = clientPid, .frame = c.start});
+        ASSERT_TRUE(client->waitMapped());
+        ASSERT_TRUE(user->activate(client->window()));
+        pressAndDrag(c.to);
+        EXPECT_TRUE(until([&] {
+            auto seen = findPreview(user->connection());
+            return seen && seen->viewable && seen->frame == c.frame;
+        }));
+        // The command goes to the monitor that holds the window at release: a window manager behind
+        // the pointer is waited for until the window's middle has reached the zone's monitor.
+        const auto& primary = c.monitors.front();
+        const auto target = *std::find_if(c.monitors.begin(), c.monitors.end(), [&](const XRect& m) {
+            return c.frame.x >= m.x && c.frame.x < m.x + m.width && c.frame.y >= m.y && c.frame.y < m.y + m.height;
+        });
+        EXPECT_TRUE(until([&] {
+            auto frame = outerFrame();
+            if (!frame) return false;
+            const double x = frame->midX() + primary.x, y = frame->midY() + primary.y;
+            return x >= target.x && x < target.x + target.width && y >= target.y && y < target.y + target.height;
+        }));
+        user->button(1, false);
+        user->sync();
+        const Rect expected{{double(c.frame.x - primary.x), double(c.frame.y - primary.y)},
+                            {double(c.frame.width), double(c.frame.height)}};
+        EXPECT_TRUE(until([&] { return outerFrame() == expected; }));
+        EXPECT_TRUE(nothingGrabbed(session->display()));
+    }
+}
+
+TEST_F(X11Snap, AWindowThatNeverSaysItsProcessIsSnappedAsTheOneInFront) {
+    pid = X11Desktop::noProcess;
+    auto client = std::make_unique<TestWindow>(
+        session->display(), TestWindow::Options{.instance = "xmessage", .className = "Xmessage", .pid = 0,
+                                                .frame = {500, 300, 400, 300}});
+    ASSERT_TRUE(client->waitMapped());
+    ASSERT_TRUE(user->activate(client->window()));
+    pressAndDrag({1598, 450});
+    ASSERT_TRUE(until([&] { return snapper->armedZone() == SnapZone::rightHalf; }));
+    user->button(1, false);
+    user->sync();
+    EXPECT_TRUE(until([&] { return outerFrame() == Rect{{800, 0}, {800, 900}}; }));
+    EXPECT_FALSE(snapper->isDraggingWindow());
 }
 
 } // namespace

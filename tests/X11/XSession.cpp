@@ -109,6 +109,18 @@ std::optional<std::uint32_t> windowProperty(xcb_connection_t* c, xcb_window_t wi
 } // namespace
 
 std::unique_ptr<XSession> XSession::start(std::string* skipReason, int splitAt, bool dragMovesWindows) {
+    return startArranged(skipReason, [splitAt](const XSession& s) { return splitAt <= 0 || s.splitMonitors(splitAt); },
+                         dragMovesWindows);
+}
+
+std::unique_ptr<XSession> XSession::start(std::string* skipReason, const std::vector<XRect>& monitors,
+                                          bool dragMovesWindows) {
+    return startArranged(skipReason, [monitors](const XSession& s) { return s.setMonitors(monitors); }, dragMovesWindows);
+}
+
+std::unique_ptr<XSession> XSession::startArranged(std::string* skipReason,
+                                                  const std::function<bool(const XSession&)>& arrange,
+                                                  bool dragMovesWindows) {
     const int width = 1600;
     const int height = 900;
     for (const char* program : {"/usr/bin/Xvfb", "/usr/bin/openbox"}) {
@@ -150,7 +162,7 @@ std::unique_ptr<XSession> XSession::start(std::string* skipReason, int splitAt, 
     }
     session->display_ = ":" + number.substr(0, number.find('\n'));
 
-    if (splitAt > 0 && !session->splitMonitors(splitAt)) {
+    if (!arrange(*session)) {
         *skipReason = "xrandr could not split the screen (scripts/setup installs x11-xserver-utils)";
         return nullptr;
     }
@@ -197,6 +209,18 @@ int XSession::run(const std::vector<std::string>& arguments) const {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+bool XSession::setMonitors(const std::vector<XRect>& monitors) const {
+    // The first takes the screen's output and is primary; the physical sizes only keep xrandr happy.
+    for (std::size_t i = 0; i < monitors.size(); ++i) {
+        const auto& m = monitors[i];
+        const std::string geometry = std::to_string(m.width) + "/200x" + std::to_string(m.height) + "/200+" +
+                                     std::to_string(m.x) + "+" + std::to_string(m.y);
+        const std::string name = (i == 0 ? "*M" : "M") + std::to_string(i);
+        if (run({"/usr/bin/xrandr", "--setmonitor", name, geometry, i == 0 ? "screen" : "none"}) != 0) return false;
+    }
+    return true;
+}
+
 bool XSession::splitMonitors(int leftWidth) const {
     // The physical sizes only keep xrandr happy; nothing reads them.
     return run({"/usr/bin/xrandr", "--setmonitor", "L", std::to_string(leftWidth) + "/200x900/225+0+0", "screen"}) == 0 &&
@@ -219,8 +243,11 @@ TestWindow::TestWindow(const std::string& display, Options options) {
     std::string wmClass = options.instance + '\0' + options.className + '\0';
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, window_, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 8,
                         static_cast<std::uint32_t>(wmClass.size()), wmClass.data());
-    const auto pid = static_cast<std::uint32_t>(options.pid);
-    xcb_change_property(c, XCB_PROP_MODE_REPLACE, window_, intern(c, "_NET_WM_PID"), XCB_ATOM_CARDINAL, 32, 1, &pid);
+    // Some clients (xmessage) never say their process: a pid of 0 leaves the property out.
+    if (options.pid != 0) {
+        const auto pid = static_cast<std::uint32_t>(options.pid);
+        xcb_change_property(c, XCB_PROP_MODE_REPLACE, window_, intern(c, "_NET_WM_PID"), XCB_ATOM_CARDINAL, 32, 1, &pid);
+    }
     // Position hints so the window manager keeps the asked place.
     std::uint32_t hints[18] = {};
     hints[0] = 1 | 2 | 4 | 8;  // user position and size, program position and size

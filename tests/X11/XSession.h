@@ -5,6 +5,7 @@
 #include <xcb/xcb.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,10 @@ public:
     // window manager starts, so that it never sees the monitors change under its windows.
     // With `dragMovesWindows` a left-button drag of a title bar moves the window.
     static std::unique_ptr<XSession> start(std::string* skipReason, int splitAt = 0, bool dragMovesWindows = false);
+    // The 1600×900 screen cut into `monitors` (root coordinates, the first one primary) before
+    // the window manager starts.
+    static std::unique_ptr<XSession> start(std::string* skipReason, const std::vector<XRect>& monitors,
+                                           bool dragMovesWindows);
     ~XSession();
 
     const std::string& display() const { return display_; }
@@ -29,9 +34,13 @@ public:
     int run(const std::vector<std::string>& arguments) const;
     // Splits the 1600×900 screen into a left monitor `leftWidth` wide and a right one.
     bool splitMonitors(int leftWidth) const;
+    bool setMonitors(const std::vector<XRect>& monitors) const;
 
 private:
     XSession() = default;
+    static std::unique_ptr<XSession> startArranged(std::string* skipReason,
+                                                   const std::function<bool(const XSession&)>& arrange,
+                                                   bool dragMovesWindows);
     std::string display_;
     std::string directory_;
     int serverPid_ = -1;

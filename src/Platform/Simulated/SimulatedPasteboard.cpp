@@ -24,6 +24,8 @@ std::vector<std::string> SimulatedPasteboard::types() const {
 
 std::optional<std::string> SimulatedPasteboard::string(const std::string& type) const {
     std::lock_guard lock(mutex_);
+    // Too large to read: offered, but never handed over.
+    if (oversizedBytes_ && type == plainTextType) return std::nullopt;
     for (const auto& [entryType, data] : entries_) {
         if (entryType == type) return data;
     }
@@ -33,6 +35,7 @@ std::optional<std::string> SimulatedPasteboard::string(const std::string& type) 
 std::int64_t SimulatedPasteboard::clearContents() {
     std::unique_lock lock(mutex_);
     entries_.clear();
+    oversizedBytes_.reset();
     ++changeCount_;
     const auto count = changeCount_;
     changed(lock);
@@ -43,6 +46,7 @@ bool SimulatedPasteboard::setString(const std::string& text, const std::string& 
     std::unique_lock lock(mutex_);
     if (refusesWrites_) return false;
     std::erase_if(entries_, [&](const auto& entry) { return entry.first == type; });
+    if (type == plainTextType) oversizedBytes_.reset();
     entries_.emplace_back(type, text);
     // Adding to what a clear began is part of the same change, as on the real pasteboard.
     changed(lock);
@@ -52,8 +56,23 @@ bool SimulatedPasteboard::setString(const std::string& text, const std::string& 
 void SimulatedPasteboard::copy(std::vector<std::pair<std::string, std::string>> entries) {
     std::unique_lock lock(mutex_);
     entries_ = std::move(entries);
+    oversizedBytes_.reset();
     ++changeCount_;
     changed(lock);
+}
+
+void SimulatedPasteboard::copyOversized(std::int64_t bytes, std::vector<std::string> types) {
+    std::unique_lock lock(mutex_);
+    entries_ = {{plainTextType, std::string()}};
+    for (auto& type : types) entries_.emplace_back(std::move(type), std::string());
+    oversizedBytes_ = bytes;
+    ++changeCount_;
+    changed(lock);
+}
+
+std::optional<std::int64_t> SimulatedPasteboard::oversizedTextBytes() const {
+    std::lock_guard lock(mutex_);
+    return oversizedBytes_;
 }
 
 void SimulatedPasteboard::setRefusesWrites(bool refuses) {

@@ -20,10 +20,13 @@ public:
     std::optional<std::string> string(const std::string& type = plainTextType) const override;
     std::int64_t clearContents() override;
     bool setString(const std::string& text, const std::string& type = plainTextType) override;
+    std::optional<std::int64_t> oversizedTextBytes() const override;
 
     // Scripting: what another application's copy puts there, in one change. Each entry is a
     // type and its data; a marker type usually carries empty data.
     void copy(std::vector<std::pair<std::string, std::string>> entries);
+    // Scripting: a copy of `bytes` of text too large to read, offered with `types` besides the text.
+    void copyOversized(std::int64_t bytes, std::vector<std::string> types = {});
     // Makes every following write fail, as a pasteboard owned by another process can.
     void setRefusesWrites(bool refuses);
     // What the session's state file shows of the pasteboard: the change count and the types, never
@@ -38,6 +41,7 @@ private:
     mutable std::mutex mutex_;
     std::int64_t changeCount_ = 0;
     std::vector<std::pair<std::string, std::string>> entries_;
+    std::optional<std::int64_t> oversizedBytes_;
     bool refusesWrites_ = false;
     std::function<void(std::int64_t, const std::vector<std::string>&)> onChange_;
 };

@@ -1,5 +1,7 @@
 #include "Platform/X11/X11Connection.h"
 
+#include <xcb/randr.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -77,6 +79,27 @@ std::optional<std::string> X11Connection::bytes(xcb_window_t window, xcb_atom_t 
     if (!reply || reply->type == XCB_ATOM_NONE) return std::nullopt;
     const auto length = static_cast<std::size_t>(xcb_get_property_value_length(reply.get()));
     return std::string(static_cast<const char*>(xcb_get_property_value(reply.get())), length);
+}
+
+std::vector<XRect> X11Connection::monitors() {
+    auto* c = connection_;
+    std::vector<XRect> result;
+    auto reply = xreply(xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, root_, 1), nullptr));
+    if (reply) {
+        for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem; xcb_randr_monitor_info_next(&it)) {
+            const XRect rect{it.data->x, it.data->y, it.data->width, it.data->height};
+            if (it.data->primary) {
+                result.insert(result.begin(), rect);
+            } else {
+                result.push_back(rect);
+            }
+        }
+    }
+    if (result.empty()) {
+        auto geometry = xreply(xcb_get_geometry_reply(c, xcb_get_geometry(c, root_), nullptr));
+        result.push_back(geometry ? XRect{0, 0, geometry->width, geometry->height} : XRect{});
+    }
+    return result;
 }
 
 } // namespace tavrick

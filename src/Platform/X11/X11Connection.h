@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Platform/X11/X11Geometry.h"
+
 #include <xcb/xcb.h>
 #include <xcb/xcb_ewmh.h>
 
@@ -40,6 +42,9 @@ public:
     std::optional<std::vector<std::uint32_t>> cardinals(xcb_window_t window, xcb_atom_t property);
     // A property's bytes, whatever its type. The caller holds `lock`.
     std::optional<std::string> bytes(xcb_window_t window, xcb_atom_t property);
+    // The RandR monitors in root coordinates, the primary one first; the whole root window when
+    // the server names none. The caller holds whatever serializes its round trips.
+    std::vector<XRect> monitors();
 
     std::recursive_mutex lock;
 

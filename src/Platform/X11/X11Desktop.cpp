@@ -3,8 +3,6 @@
 #include "CoreKit/Log.h"
 #include "Platform/X11/X11Connection.h"
 
-#include <xcb/randr.h>
-
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -35,6 +33,13 @@ struct X11Desktop::Core {
     // Everything below expects `x->lock` held.
     std::vector<xcb_window_t> clients(bool stacking);
     std::optional<std::int32_t> pid(xcb_window_t window);
+    // The window's process, or `noProcess` for a client that never says (xmessage, old toolkits)
+    // but has a class to be named by. Nothing for a window that has neither: one already gone.
+    std::optional<std::int32_t> processOf(xcb_window_t window) {
+        if (auto known = pid(window)) return known;
+        if (windowClass(window)) return noProcess;
+        return std::nullopt;
+    }
     std::optional<std::pair<std::string, std::string>> windowClass(xcb_window_t window);
     RunningApplication describe(xcb_window_t window, std::int32_t pid);
     std::optional<xcb_window_t> activeWindow();
@@ -132,21 +137,7 @@ XRect X11Desktop::Core::rootRect() {
 }
 
 std::vector<XRect> X11Desktop::Core::monitors() {
-    auto* c = x->xcb();
-    std::vector<XRect> result;
-    auto reply = xreply(xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, x->root(), 1), nullptr));
-    if (reply) {
-        for (auto it = xcb_randr_get_monitors_monitors_iterator(reply.get()); it.rem; xcb_randr_monitor_info_next(&it)) {
-            const XRect rect{it.data->x, it.data->y, it.data->width, it.data->height};
-            if (it.data->primary) {
-                result.insert(result.begin(), rect);
-            } else {
-                result.push_back(rect);
-            }
-        }
-    }
-    if (result.empty()) result.push_back(rootRect());
-    return result;
+    return x->monitors();
 }
 
 bool X11Desktop::Core::hasType(xcb_window_t window, xcb_atom_t type) {
@@ -294,7 +285,7 @@ public:
     std::unique_ptr<AccessibilityWindow> focusedWindow() override {
         std::lock_guard guard(core_->x->lock);
         auto active = core_->activeWindow();
-        if (!active || core_->pid(*active) != pid_) return nullptr;
+        if (!active || core_->processOf(*active) != pid_) return nullptr;
         return std::make_unique<X11Window>(core_, *active, settleSeconds_);
     }
 
@@ -336,7 +327,7 @@ std::optional<RunningApplication> X11Desktop::frontmostApplication() const {
     std::lock_guard guard(core_->x->lock);
     auto active = core_->activeWindow();
     if (!active) return std::nullopt;
-    auto pid = core_->pid(*active);
+    auto pid = core_->processOf(*active);
     if (!pid) return std::nullopt;
     return core_->describe(*active, *pid);
 }

@@ -17,11 +17,15 @@ namespace tavrick {
 class X11Connection;
 
 // The X11 desktop as the window logic sees it: applications from the managed windows' process
-// ids, the one in front from `_NET_ACTIVE_WINDOW`, screens from RandR monitors less the docks'
+// ids (or their class alone when a client does not give its process), the one in front from `_NET_ACTIVE_WINDOW`, screens from RandR monitors less the docks'
 // struts, and windows moved through the window manager by their outer frame. Coordinates are
 // turned into the logic's own at this edge. Safe from any thread; every call is a round trip.
 class X11Desktop final : public Workspace, public ScreenSource, public WindowList, public WindowAccessibility {
 public:
+    // The process identifier of an application whose windows do not say their process
+    // (`_NET_WM_PID` missing): it is known by its window class alone, and `application(noProcess)`
+    // acts on the active window when that is such a window. It is never activated or ended by it.
+    static constexpr std::int32_t noProcess = 0;
     // How long a move or resize waits for the window manager to carry it out.
     static constexpr double defaultSettleSeconds = 0.5;
 

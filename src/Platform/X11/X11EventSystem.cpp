@@ -98,6 +98,9 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     std::optional<Point> lastDragged;
     // A right press the taps took: its motion and release come to this grab.
     bool strokeActive = false;
+    // The primary monitor as it was when the current press began. Positions are told from its
+    // top-left corner, as the window logic measures them; monitors do not change under a drag.
+    XRect origin{};
     // Around a sent keystroke: the modifier keys let go and those pressed for it.
     std::vector<xcb_keycode_t> releasedForPost;
     std::vector<xcb_keycode_t> pressedForPost;
@@ -132,6 +135,9 @@ struct X11EventSystem::Core : std::enable_shared_from_this<Core> {
     // motion while a tap listens to the left button. The caller holds `lock`.
     void updateRawSelection();
     void handleRawPointer(std::uint16_t type, std::uint32_t button);
+    // Looks the primary monitor up again. The caller holds `lock`.
+    void refreshOrigin() { origin = x->monitors().front(); }
+    Point logicPoint(std::int32_t rootX, std::int32_t rootY) const { return X11Geometry::toWindowPoint(rootX, rootY, origin); }
     void remap();
     void loadModifierMapping();
     void loadKeyCodes();
@@ -372,10 +378,12 @@ void X11EventSystem::Core::handleGrabbedKey(const xcb_key_press_event_t* press, 
 
 void X11EventSystem::Core::handleButton(const xcb_button_press_event_t* press, bool down) {
     if (press->detail != 3) return;
-    Event event = Event::mouse(down ? EventType::rightMouseDown : EventType::rightMouseUp,
-                               Point{double(press->root_x), double(press->root_y)}, 1);
+    Event event;
     {
         std::lock_guard guard(lock);
+        if (down) refreshOrigin();
+        event = Event::mouse(down ? EventType::rightMouseDown : EventType::rightMouseUp,
+                             logicPoint(press->root_x, press->root_y), 1);
         event.flags = X11KeyMap::eventFlags(press->state, masks);
         if (auto ours = oursButtons.find(down); ours != oursButtons.end()) {
             oursButtons.erase(ours);
@@ -400,11 +408,13 @@ void X11EventSystem::Core::handleButton(const xcb_button_press_event_t* press, b
 }
 
 void X11EventSystem::Core::handleMotion(const xcb_motion_notify_event_t* motion) {
+    Point at;
     {
         std::lock_guard guard(lock);
         if (!strokeActive) return;
+        at = logicPoint(motion->root_x, motion->root_y);
     }
-    Event event = Event::mouse(EventType::rightMouseDragged, Point{double(motion->root_x), double(motion->root_y)}, 1);
+    Event event = Event::mouse(EventType::rightMouseDragged, at, 1);
     offer(EventType::rightMouseDragged, event, false);
 }
 
@@ -458,8 +468,9 @@ void X11EventSystem::Core::handleRawPointer(std::uint16_t type, std::uint32_t bu
     {
         std::lock_guard guard(lock);
         auto* c = x->xcb();
+        if (eventType == EventType::leftMouseDown) refreshOrigin();
         if (auto reply = xreply(xcb_query_pointer_reply(c, xcb_query_pointer(c, x->root()), nullptr))) {
-            at = Point{double(reply->root_x), double(reply->root_y)};
+            at = logicPoint(reply->root_x, reply->root_y);
         }
         if (!at) return;
         if (eventType == EventType::leftMouseDragged) {
@@ -846,12 +857,14 @@ void X11EventSystem::post(const Event& event) {
     if (event.type == EventType::leftMouseDown || event.type == EventType::leftMouseUp) button = 1;
     if (event.type == EventType::rightMouseDown || event.type == EventType::rightMouseUp) button = 3;
     if (button == 3 && SyntheticEvents::isOurs(event)) core.oursButtons.insert(type == XCB_BUTTON_PRESS);
+    // The event is placed as the window logic measures, from the primary monitor's top-left.
+    const auto primary = core.x->monitors().front();
+    const auto rootX = static_cast<std::int16_t>(X11Geometry::rootX(event.location.x, primary));
+    const auto rootY = static_cast<std::int16_t>(X11Geometry::rootY(event.location.y, primary));
     if (type != XCB_MOTION_NOTIFY) {
-        xcb_test_fake_input(c, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, core.x->root(),
-                            static_cast<std::int16_t>(event.location.x), static_cast<std::int16_t>(event.location.y), 0);
+        xcb_test_fake_input(c, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, core.x->root(), rootX, rootY, 0);
     }
-    xcb_test_fake_input(c, type, button, XCB_CURRENT_TIME, core.x->root(), static_cast<std::int16_t>(event.location.x),
-                        static_cast<std::int16_t>(event.location.y), 0);
+    xcb_test_fake_input(c, type, button, XCB_CURRENT_TIME, core.x->root(), rootX, rootY, 0);
     xcb_flush(c);
 }
 

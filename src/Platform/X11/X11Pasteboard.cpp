@@ -144,6 +144,8 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
     std::map<std::string, std::optional<std::string>> cachedData;
     bool ownerSilent = false;  // it let a request time out: nothing more is asked of it this change
     std::string lastFailure;
+    // The size of the text refused for it in this change, at least.
+    std::optional<std::size_t> oversizedBytes;
 
     std::atomic<bool> stopping{false};
     std::atomic<bool> alive{true};
@@ -161,6 +163,10 @@ struct X11Pasteboard::Core : std::enable_shared_from_this<Core> {
     void sendPiece(xcb_window_t requestor, xcb_atom_t property, Outgoing& out);
     // Reads the property the owner wrote into, deleting it; false when it is over the limit.
     bool takeProperty(std::string& data, xcb_atom_t& type, std::string& failure);
+    void noteOversized(std::size_t bytes) {
+        std::lock_guard guard(lock);
+        oversizedBytes = std::max(oversizedBytes.value_or(0), bytes);
+    }
     // Asks the owner for `target` and waits within the limits; nothing with `failure` set otherwise.
     std::optional<std::string> fetch(xcb_atom_t target, std::string& failure);
     bool takeOwnership();
@@ -399,6 +405,7 @@ bool X11Pasteboard::Core::takeProperty(std::string& data, xcb_atom_t& type, std:
     const auto length = static_cast<std::size_t>(xcb_get_property_value_length(reply.get()));
     if (reply->bytes_after > 0 || length > limits.maximumBytes) {
         xcb_delete_property(c, window, transferProperty);
+        noteOversized(length + reply->bytes_after);
         failure = "the copy holds more than " + std::to_string(limits.maximumBytes) + " bytes";
         return false;
     }
@@ -472,6 +479,7 @@ void X11Pasteboard::Core::propertyChanged(const xcb_property_notify_event_t* not
             } else if (piece.empty()) {
                 transfer->done = true;
             } else if (transfer->data.size() + piece.size() > limits.maximumBytes) {
+                oversizedBytes = std::max(oversizedBytes.value_or(0), transfer->data.size() + piece.size());
                 transfer->done = true;
                 transfer->data.clear();
                 transfer->failure = "the copy holds more than " + std::to_string(limits.maximumBytes) + " bytes";
@@ -593,6 +601,7 @@ void X11Pasteboard::Core::resetCacheIfStale() {
     cachedData.clear();
     ownerSilent = false;
     lastFailure.clear();
+    oversizedBytes.reset();
 }
 
 std::vector<std::string> X11Pasteboard::Core::readTypes() {
@@ -673,6 +682,13 @@ std::int64_t X11Pasteboard::changeCount() const {
 bool X11Pasteboard::ownsSelection() const {
     std::lock_guard guard(core_->lock);
     return core_->owned;
+}
+
+std::optional<std::int64_t> X11Pasteboard::oversizedTextBytes() const {
+    // Only a read finds out, and a reader asks for the text first; the answer belongs to this change.
+    std::lock_guard guard(core_->lock);
+    if (core_->owned || core_->cacheCount != core_->count || !core_->oversizedBytes) return std::nullopt;
+    return static_cast<std::int64_t>(*core_->oversizedBytes);
 }
 
 std::string X11Pasteboard::lastReadFailure() const {

@@ -50,6 +50,7 @@ public:
     std::optional<std::string> string(const std::string& type = plainTextType) const override;
     std::int64_t clearContents() override;
     bool setString(const std::string& text, const std::string& type = plainTextType) override;
+    std::optional<std::int64_t> oversizedTextBytes() const override;
 
     // Whether this program owns the selection now.
     bool ownsSelection() const;
