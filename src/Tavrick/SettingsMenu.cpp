@@ -2,6 +2,7 @@
 
 #include "CoreKit/Appearance.h"
 #include "CoreKit/Toast.h"
+#include "AIKit/AIProvider.h"
 #include "Tavrick/AppCoordinator.h"
 
 #include <algorithm>
@@ -227,6 +228,33 @@ void build(AppCoordinator& c, std::vector<MenuEntry>& into, Commands& commands, 
     b.number(AppSettings::Key::servePort, "Serve on Port", s.servePort, 1, 65535, false);
     b.toggle(AppSettings::Key::serveOnNetwork, "Serve to the Network", s.serveOnNetwork);
     b.text(AppSettings::Key::aiProvider, "AI Provider", s.aiProvider);
+    // The chosen provider's key, kept in the secret store and never shown.
+    if (auto provider = AIProvider::fromRaw(s.aiProvider.get()); provider && provider->needsAPIKey()) {
+        const std::string account(provider->keychainAccount());
+        Keychain& keychain = c.keychain();
+        const bool stored = keychain.get(account).has_value();
+        auto key = line("settings.aiKey", Kind::field, std::string(provider->displayName()) + " API Key");
+        key.isSecret = true;
+        key.value = stored ? "(stored)" : "";
+        b.fields[key.id] = [&keychain, &log = c.log(), account](const std::string& typed) {
+            const std::string value = trimmed(typed);
+            if (value.empty()) {
+                keychain.remove(account);
+                log.note("selection", "removed the key of " + account);
+                return true;
+            }
+            if (!keychain.set(value, account)) {
+                Toast::shared().show("The key could not be saved to the keychain.", Toast::Kind::warning, std::nullopt);
+                return false;
+            }
+            log.note("selection", "stored a key under " + account);
+            return true;
+        };
+        into.push_back(std::move(key));
+        if (!stored)
+            into.push_back(line("settings.aiKey.none", Kind::label,
+                                "No key yet. Ask AI and Translate will say so rather than failing quietly."));
+    }
     b.shown(AppSettings::Key::aiModelsByProvider, "AI Models",
             s.aiModels.get().empty() ? "none chosen" : std::to_string(s.aiModels.get().size()) + " chosen");
     b.text(AppSettings::Key::aiBaseURL, "AI Base URL", s.aiBaseURL);

@@ -415,3 +415,25 @@ TEST_F(MenuTest, TheVaultSectionCreatesAddsCopiesAndLocksThroughThePanel) {
     EXPECT_TRUE(find("vault.show")) << "an unprotected vault is only hidden";
     for (const auto& line : notes()) EXPECT_EQ(line.find("sk-test"), std::string::npos) << line;
 }
+
+TEST_F(MenuTest, TheProvidersKeyIsStoredFromSettingsAndNeverShownOrLogged) {
+    menu();
+    coordinator->settings().aiProvider.set("gemini");
+    EXPECT_EQ(title("settings.aiKey.none"), "No key yet. Ask AI and Translate will say so rather than failing quietly.");
+    ASSERT_TRUE(find("settings.aiKey"));
+    EXPECT_TRUE(find("settings.aiKey")->isSecret);
+    EXPECT_TRUE(menu().submit("settings.aiKey", "  gm-secret-123  "));
+    EXPECT_EQ(coordinator->keychain().get("api-key-gemini"), "gm-secret-123");
+    EXPECT_EQ(find("settings.aiKey")->value, "(stored)");
+    EXPECT_FALSE(find("settings.aiKey.none"));
+
+    secrets.setFailure(SecretStatus::ioFailure);
+    EXPECT_FALSE(menu().submit("settings.aiKey", "gm-other"));
+    EXPECT_EQ(presenter->lines.back(), "warning The key could not be saved to the keychain.");
+    secrets.setFailure(std::nullopt);
+    EXPECT_EQ(coordinator->keychain().get("api-key-gemini"), "gm-secret-123");
+
+    EXPECT_TRUE(menu().submit("settings.aiKey", ""));
+    EXPECT_EQ(coordinator->keychain().get("api-key-gemini"), std::nullopt);
+    for (const auto& line : notes()) EXPECT_EQ(line.find("gm-"), std::string::npos) << line;
+}
