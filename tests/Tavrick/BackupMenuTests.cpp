@@ -1,11 +1,8 @@
 // "Back Up…" and "Restore…" in the Settings submenu, driven as a face drives them: lines chosen
 // and text typed, on virtual time, with real files in a temporary home.
-#include "Platform/Simulated/InMemoryPowerAssertions.h"
-#include "Platform/Simulated/SimulatedPasteboard.h"
 #include "Support/TempDir.h"
 #include "Tavrick/BackupSection.h"
-#include "Tavrick/CoordinatorHarness.h"
-#include "Tavrick/MenuBarContent.h"
+#include "Tavrick/MenuHarness.h"
 
 #include <gtest/gtest.h>
 
@@ -14,52 +11,9 @@ using namespace tavrick::testing;
 
 namespace {
 
-struct NoProcesses : ProcessWatcher {
-    std::optional<Instance> find(const std::string&) override { return std::nullopt; }
-    std::unique_ptr<Watch> watchExit(const Instance&, std::function<void()>) override { return nullptr; }
-};
-
-class BackupMenuTest : public CoordinatorHarness {
+class BackupMenuTest : public MenuHarness {
 protected:
-    void adjust(AppEnvironment& environment) override {
-        environment.supportDirectory = root / "support";
-        environment.pasteboard = std::make_shared<SimulatedPasteboard>();
-        environment.powerAssertions = std::make_shared<InMemoryPowerAssertions>();
-        environment.processes = std::make_shared<NoProcesses>();
-    }
-    MenuBarContent& menu() {
-        if (!content) {
-            CoordinatorHarness::make()->start();
-            content = std::make_unique<MenuBarContent>(*coordinator);
-            content->backupRounds = VaultCrypto::minimumIterations;
-            scheduler.advance(2.5);
-            presenter->lines.clear();
-        }
-        return *content;
-    }
-    void TearDown() override {
-        content.reset();
-        CoordinatorHarness::TearDown();
-    }
-    std::optional<MenuEntry> find(const std::string& id) {
-        std::function<std::optional<MenuEntry>(const std::vector<MenuEntry>&)> walk =
-            [&](const std::vector<MenuEntry>& entries) -> std::optional<MenuEntry> {
-            for (const auto& e : entries) {
-                if (e.id == id) return e;
-                if (auto inner = walk(e.children)) return inner;
-            }
-            return std::nullopt;
-        };
-        return walk(menu().snapshot().entries);
-    }
-    std::string title(const std::string& id) {
-        auto e = find(id);
-        return e ? e->title : "<absent " + id + ">";
-    }
-    bool enabled(const std::string& id) {
-        auto e = find(id);
-        return e && e->isEnabled;
-    }
+    void prepare(MenuBarContent& menu) override { menu.backupRounds = VaultCrypto::minimumIterations; }
     // The lines of a submenu by id, in order.
     std::vector<std::string> lines(const std::string& id) {
         std::vector<std::string> out;
@@ -90,8 +44,6 @@ protected:
         for (const auto& item : coordinator->vault().sorted()) titles.push_back(item.title);
         return titles;
     }
-
-    std::unique_ptr<MenuBarContent> content;
 };
 
 TEST_F(BackupMenuTest, ExportWritesTheFileAndRestoreBringsEverythingBack) {

@@ -1,8 +1,5 @@
 // The menu drawn from the services' state, and the commands it hands back, on virtual time.
-#include "Platform/Simulated/InMemoryPowerAssertions.h"
-#include "Platform/Simulated/SimulatedPasteboard.h"
-#include "Tavrick/CoordinatorHarness.h"
-#include "Tavrick/MenuBarContent.h"
+#include "Tavrick/MenuHarness.h"
 #include "Tavrick/SettingsMenu.h"
 
 #include <gtest/gtest.h>
@@ -12,45 +9,11 @@ using namespace tavrick::testing;
 
 namespace {
 
-class MenuTest : public CoordinatorHarness {
+class MenuTest : public MenuHarness {
 protected:
     void adjust(AppEnvironment& environment) override {
-        environment.supportDirectory = root / "support";
-        environment.pasteboard = pasteboard;
-        environment.powerAssertions = std::make_shared<InMemoryPowerAssertions>();
-        environment.processes = std::make_shared<NoProcesses>();
+        MenuHarness::adjust(environment);
         environment.listApplications = [this] { return apps; };
-    }
-    MenuBarContent& menu() {
-        if (!content) {
-            CoordinatorHarness::make()->start();
-            content = std::make_unique<MenuBarContent>(*coordinator);
-            // Past the launch announcement, so that each test sees only its own toasts.
-            scheduler.advance(2.5);
-            presenter->lines.clear();
-        }
-        return *content;
-    }
-    void TearDown() override {
-        content.reset();
-        CoordinatorHarness::TearDown();
-    }
-
-    // The line `id` anywhere in the menu.
-    std::optional<MenuEntry> find(const std::string& id) {
-        std::function<std::optional<MenuEntry>(const std::vector<MenuEntry>&)> walk =
-            [&](const std::vector<MenuEntry>& entries) -> std::optional<MenuEntry> {
-            for (const auto& e : entries) {
-                if (e.id == id) return e;
-                if (auto inner = walk(e.children)) return inner;
-            }
-            return std::nullopt;
-        };
-        return walk(menu().snapshot().entries);
-    }
-    std::string title(const std::string& id) {
-        auto e = find(id);
-        return e ? e->title : "<absent " + id + ">";
     }
     // The sections in the order drawn, by the first line of each, and the bottom lines.
     std::vector<std::string> topLevelIDs() {
@@ -66,9 +29,7 @@ protected:
         return order;
     }
 
-    std::shared_ptr<SimulatedPasteboard> pasteboard = std::make_shared<SimulatedPasteboard>();
     std::vector<RunningApplication> apps;
-    std::unique_ptr<MenuBarContent> content;
 };
 
 class WelcomeTest : public CoordinatorHarness {};
