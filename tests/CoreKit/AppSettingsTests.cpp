@@ -3,6 +3,7 @@
 #include "CoreKit/Bundle.h"
 #include "CoreKit/DiagnosticLog.h"
 #include "CoreKit/ManualScheduler.h"
+#include "RawValues.h"
 #include "Support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -478,15 +479,7 @@ TEST(SettingsTypesTest, AlertFlagsAndStoredTexts) {
         EXPECT_EQ(alertsOnNewHosts(mode), hosts) << rawValue(mode);
     }
     // Every case reads back from its raw value, which is what the settings store.
-    auto raws = [](auto cases) {
-        using E = std::remove_cvref_t<decltype(cases[0])>;
-        std::string joined;
-        for (auto value : cases) {
-            EXPECT_EQ(fromRaw<E>(rawValue(value)), value);
-            joined += (joined.empty() ? "" : " ") + std::string(rawValue(value));
-        }
-        return joined;
-    };
+    const auto raws = [](auto cases) { return tavrick::testing::roundTrippedRaws(cases); };
     EXPECT_EQ(raws(allCases<MenuBarIconStyle>()), "tavrick gestures command");
     EXPECT_EQ(raws(allCases<MenuBarReadout>()), "off fanSpeed chipTemperature");
     EXPECT_EQ(raws(allCases<NetworkAlertMode>()), "off newApps newAppsAndHosts");

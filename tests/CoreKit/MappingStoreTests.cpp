@@ -63,6 +63,8 @@ class MappingStoreTest : public ::testing::Test {
 protected:
     tavrick::testing::USLayout layout_;
 
+    // Every test starts with the two examples bundled.
+    void SetUp() override { installSeed(); }
     std::unique_ptr<MappingStore> open() {
         return std::make_unique<MappingStore>(file, *diagnostics, scheduler.clock(), bundle);
     }
@@ -96,7 +98,6 @@ protected:
 // ---- Load ----
 
 TEST_F(MappingStoreTest, AMissingFileIsSeededAndSavedPrettyPrintedWithSortedKeysAndWholeNumbers) {
-    installSeed();
     auto store = open();
     EXPECT_EQ(names(store->mappings().get()), (std::vector<std::string>{"seed one", "seed two"}));
     EXPECT_EQ(coreLog(), (std::vector<std::string>{"Seeded 2 example mappings"}));
@@ -178,7 +179,6 @@ TEST_F(MappingStoreTest, AFileInvalidAsAWholeIsMovedAsideAndReplacedWithTheExamp
         R"({"schemaVersion":1,"mappings":[)" + std::string(10000, '[') + std::string(10000, ']') + "]}",
         "\xff\xfe{}",
     };
-    installSeed();
     for (const auto& contents : cases) {
         fs::remove_all(support);
         writeFile(file, contents);
@@ -197,7 +197,6 @@ TEST_F(MappingStoreTest, AFileInvalidAsAWholeIsMovedAsideAndReplacedWithTheExamp
 
 TEST_F(MappingStoreTest, APathThatCannotBeReadIsMovedAsideToo) {
     // A folder where the file should be cannot be read as one, whoever runs the test.
-    installSeed();
     fs::create_directories(file);
     writeFile(file / "inside.txt", "kept");
     LogCapture capture;
@@ -212,7 +211,6 @@ TEST_F(MappingStoreTest, APathThatCannotBeReadIsMovedAsideToo) {
 }
 
 TEST_F(MappingStoreTest, AnUnreadableFileIsMovedAside) {
-    installSeed();
     writeFile(file, R"({"schemaVersion":1,"mappings":[]})");
     fs::permissions(file, fs::perms::none);
     int status = runUnprivileged(dir.path(), [&] {
@@ -231,7 +229,6 @@ TEST_F(MappingStoreTest, AnUnreadableFileIsMovedAside) {
 }
 
 TEST_F(MappingStoreTest, AFileInAFolderThatCannotBeSearchedIsNeitherSeededOverNorMovedAside) {
-    installSeed();
     writeDocument({hotkeyMapping(1).toJSON().dump()});
     const auto before = readFile(file);
     fs::permissions(support, fs::perms::owner_read | fs::perms::owner_write);
@@ -252,7 +249,6 @@ TEST_F(MappingStoreTest, AFileInAFolderThatCannotBeSearchedIsNeitherSeededOverNo
 }
 
 TEST_F(MappingStoreTest, TwoBadFilesInOneSecondKeepBothCopies) {
-    installSeed();
     writeFile(file, "first");
     open();
     writeFile(file, "second");
@@ -270,7 +266,6 @@ TEST_F(MappingStoreTest, TwoBadFilesInOneSecondKeepBothCopies) {
 }
 
 TEST_F(MappingStoreTest, WhenTheMoveFailsTheOldFileStillSurvivesAnUnwritableFolder) {
-    installSeed();
     writeFile(file, "garbage");
     fs::permissions(support, fs::perms::owner_read | fs::perms::owner_exec);
     int status = runUnprivileged(dir.path(), [&] {
@@ -288,7 +283,6 @@ TEST_F(MappingStoreTest, WhenTheMoveFailsTheOldFileStillSurvivesAnUnwritableFold
 }
 
 TEST_F(MappingStoreTest, AFileThatCouldNotBeReadIsNotOverwrittenOnceAccessReturns) {
-    installSeed();
     writeDocument({hotkeyMapping(1).toJSON().dump()});
     const auto before = readFile(file);
     fs::permissions(support, fs::perms::owner_read | fs::perms::owner_write);
@@ -309,7 +303,6 @@ TEST_F(MappingStoreTest, AFileThatCouldNotBeReadIsNotOverwrittenOnceAccessReturn
 }
 
 TEST_F(MappingStoreTest, UnknownRecordsAreKeptAndWrittenBackAfterTheReadableOnes) {
-    installSeed();
     writeDocument({json(hotkeyMapping(1).toJSON()).dump(), unknownRecord, hotkeyMapping(2).toJSON().dump()});
     auto before = readFile(file);
     auto store = open();
@@ -341,7 +334,6 @@ TEST_F(MappingStoreTest, UnknownRecordsAreKeptAndWrittenBackAfterTheReadableOnes
 }
 
 TEST_F(MappingStoreTest, ElementsOfAnyShapeAreKeptAsUnreadable) {
-    installSeed();
     // A record with a bad fan preset, one missing a field, and values that are not records at all.
     auto badFans = hotkeyMapping(4).toJSON();
     badFans["action"] = json::parse(R"({"fans":{"_0":"boost75"}})");
@@ -365,7 +357,6 @@ TEST_F(MappingStoreTest, ElementsOfAnyShapeAreKeptAsUnreadable) {
 }
 
 TEST_F(MappingStoreTest, AnEmptyListStaysEmptyAndOtherSchemaVersionsAreOnlyReported) {
-    installSeed();
     writeDocument({}, 7);
     auto before = readFile(file);
     auto store = open();
@@ -380,7 +371,6 @@ TEST_F(MappingStoreTest, AnEmptyListStaysEmptyAndOtherSchemaVersionsAreOnlyRepor
 // ---- Persist ----
 
 TEST_F(MappingStoreTest, EnginesHearOfAChangeBeforeTheFileIsWritten) {
-    installSeed();
     auto store = open();
     std::vector<std::vector<std::string>> told;
     std::vector<std::size_t> onDiskWhenTold;
@@ -403,7 +393,6 @@ TEST_F(MappingStoreTest, EnginesHearOfAChangeBeforeTheFileIsWritten) {
 }
 
 TEST_F(MappingStoreTest, ASaveThatFailsIsLoggedNotedAndKeptInMemory) {
-    installSeed();
     auto store = open();
     std::size_t told = 0;
     store->onChange = [&](const std::vector<Mapping>&) { ++told; };
@@ -430,7 +419,6 @@ TEST_F(MappingStoreTest, ASaveThatFailsIsLoggedNotedAndKeptInMemory) {
 }
 
 TEST_F(MappingStoreTest, AFolderThatCannotBeMadeFailsTheSave) {
-    installSeed();
     writeFile(dir / "plain", "a file, not a folder");
     file = dir / "plain" / "sub" / "mappings.json";
     LogCapture capture;
@@ -447,7 +435,6 @@ TEST_F(MappingStoreTest, AFolderThatCannotBeMadeFailsTheSave) {
 }
 
 TEST_F(MappingStoreTest, AnUnwritableFolderKeepsTheLastGoodFile) {
-    installSeed();
     int status = runUnprivileged(dir.path(), [&] {
         auto store = open();
         fs::permissions(support, fs::perms::owner_read | fs::perms::owner_exec);
@@ -464,7 +451,6 @@ TEST_F(MappingStoreTest, AnUnwritableFolderKeepsTheLastGoodFile) {
 }
 
 TEST_F(MappingStoreTest, ReplacingKeepsTheFilesPermissions) {
-    installSeed();
     auto store = open();
     fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
     store->add(hotkeyMapping(1));
@@ -474,7 +460,6 @@ TEST_F(MappingStoreTest, ReplacingKeepsTheFilesPermissions) {
 // ---- Changes ----
 
 TEST_F(MappingStoreTest, AddUpdateAndSetEnabled) {
-    installSeed();
     writeDocument({});
     auto store = open();
     store->add(hotkeyMapping(1));
@@ -498,7 +483,6 @@ TEST_F(MappingStoreTest, AddUpdateAndSetEnabled) {
 }
 
 TEST_F(MappingStoreTest, UndoPutsRemovedMappingsBackWhereTheyWere) {
-    installSeed();
     writeDocument({});
     auto store = open();
     for (int i = 0; i < 5; ++i) store->add(hotkeyMapping(i));
@@ -528,7 +512,6 @@ TEST_F(MappingStoreTest, UndoPutsRemovedMappingsBackWhereTheyWere) {
 }
 
 TEST_F(MappingStoreTest, RemovingNothingKeepsTheUndoData) {
-    installSeed();
     writeDocument({});
     auto store = open();
     for (int i = 0; i < 3; ++i) store->add(hotkeyMapping(i));
@@ -549,7 +532,6 @@ TEST_F(MappingStoreTest, RemovingNothingKeepsTheUndoData) {
 }
 
 TEST_F(MappingStoreTest, ConflictsAreEnabledMappingsWithAnEqualTriggerInFileOrder) {
-    installSeed();
     writeDocument({});
     auto store = open();
     auto mouse = [](int n, std::optional<GestureScope> scope) {
@@ -575,7 +557,6 @@ TEST_F(MappingStoreTest, ConflictsAreEnabledMappingsWithAnEqualTriggerInFileOrde
 }
 
 TEST_F(MappingStoreTest, ReplaceAllDropsUnreadableEntriesAndTheUndoData) {
-    installSeed();
     writeDocument({hotkeyMapping(1).toJSON().dump(), unknownRecord, hotkeyMapping(2).toJSON().dump()});
     auto store = open();
     store->remove({idNumber(1)});
@@ -589,7 +570,6 @@ TEST_F(MappingStoreTest, ReplaceAllDropsUnreadableEntriesAndTheUndoData) {
 }
 
 TEST_F(MappingStoreTest, RestoreExamplesAddsOnlyMissingOnes) {
-    installSeed();
     auto store = open();
     auto before = readFile(file);
     int told = 0;
@@ -610,7 +590,6 @@ TEST_F(MappingStoreTest, RestoreExamplesAddsOnlyMissingOnes) {
 }
 
 TEST_F(MappingStoreTest, ALinkedFileIsSavedWhereItPoints) {
-    installSeed();
     writeDocument({hotkeyMapping(1).toJSON().dump()});
     fs::create_directories(dir / "dotfiles");
     fs::rename(file, dir / "dotfiles" / "tavrick-mappings.json");
