@@ -50,14 +50,16 @@ Mapping mapping(const std::string& name, Trigger trigger, bool enabled = true) {
 
 } // namespace
 
-TEST(SystemGestureSettings, OneTrackpadThatEnablesTheGestureIsEnough) {
+// A trackpad gesture is on when any trackpad domain enables it; a Dock switch reads as a boolean.
+TEST(SystemGestureSettings, TrackpadCountsAndDockSwitchesWithTheirDefaults) {
     struct Case {
         const char* what;
         std::map<std::string, Values> domains;
         bool defaultValue;
         bool expected;
     };
-    const std::vector<Case> cases = {
+    const std::string key = "showMissionControlGestureEnabled";
+    const std::vector<Case> trackpad = {
         {"absent everywhere, default off", {}, false, false},
         {"absent everywhere, default on", {}, true, true},
         {"domains open but hold other keys", {{builtIn, {{"Other", 1}}}, {bluetooth, {}}}, true, true},
@@ -74,23 +76,13 @@ TEST(SystemGestureSettings, OneTrackpadThatEnablesTheGestureIsEnough) {
         {"text that is no number reads as zero", {{builtIn, {{fourVertical, "YES"}}}}, true, false},
         {"bytes read as zero", {{builtIn, {{fourVertical, PreferenceValue::data("\x01")}}}}, true, false},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : trackpad) {
         EXPECT_EQ(SystemGestureSettings::anyDomainEnables(domains(c.domains), fourVertical, c.defaultValue), c.expected)
             << c.what;
     }
     // No way to open domains at all is the same as nothing set.
     EXPECT_TRUE(SystemGestureSettings::anyDomainEnables(nullptr, fourVertical, true));
-}
-
-TEST(SystemGestureSettings, TheDockSwitchesReadAsBooleansWithTheirDefaults) {
-    struct Case {
-        const char* what;
-        std::map<std::string, Values> domains;
-        bool defaultValue;
-        bool expected;
-    };
-    const std::string key = "showMissionControlGestureEnabled";
-    const std::vector<Case> cases = {
+    const std::vector<Case> dockSwitches = {
         {"no dock domain", {}, true, true},
         {"dock without the key", {{dock, {}}}, true, true},
         {"false", {{dock, {{key, false}}}}, true, false},
@@ -105,7 +97,7 @@ TEST(SystemGestureSettings, TheDockSwitchesReadAsBooleansWithTheirDefaults) {
         // The key in a trackpad domain is not the Dock's.
         {"only in a trackpad domain", {{builtIn, {{key, false}}}}, true, true},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : dockSwitches) {
         EXPECT_EQ(SystemGestureSettings::dockFlag(domains(c.domains), key, c.defaultValue), c.expected) << c.what;
     }
 }
